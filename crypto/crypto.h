@@ -1,0 +1,2 @@
+// Umbrella header of the cryptographic toolkit: digests, ciphers and the RSA engine.
+#pragma once

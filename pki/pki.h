@@ -1,0 +1,2 @@
+// Umbrella header of the PKI objects and flat interface.
+#pragma once

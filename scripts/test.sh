@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# Runs every test on a fresh Debian machine: installs what is needed, builds
+# with g++ and runs ctest; builds again with clang under AddressSanitizer and
+# UndefinedBehaviorSanitizer and runs ctest; builds the libFuzzer targets and
+# runs each for a short fixed time on its seed corpus.
+#
+#   KV_FUZZ_SECONDS  seconds per fuzz target (default 20; 0 skips fuzzing)
+#   KV_JOBS          parallel build and test jobs (default: number of cores)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+
+bash scripts/install-deps.sh
+
+jobs=${KV_JOBS:-$(nproc)}
+fuzz_seconds=${KV_FUZZ_SECONDS:-20}
+
+step() { printf '\n==== %s\n' "$*"; }
+
+step "build (g++, release)"
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release -DKV_WERROR=ON
+cmake --build build -j "$jobs"
+step "tests (g++, release)"
+ctest --test-dir build --output-on-failure -j "$jobs"
+
+step "build (clang, ASan + UBSan)"
+cmake -S . -B build-san -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DCMAKE_CXX_COMPILER=clang++ -DKV_SANITIZE=ON -DKV_WERROR=ON \
+  -DKV_BUILD_BENCH=OFF -DKV_BUILD_TOOLS=ON
+cmake --build build-san -j "$jobs"
+step "tests (clang, ASan + UBSan)"
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+  ctest --test-dir build-san --output-on-failure -j "$jobs"
+
+if [ "$fuzz_seconds" -gt 0 ]; then
+  step "fuzz targets (clang, libFuzzer)"
+  cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DCMAKE_CXX_COMPILER=clang++ -DKV_BUILD_FUZZ=ON -DKV_WERROR=ON \
+    -DKV_BUILD_TESTS=OFF -DKV_BUILD_TOOLS=OFF -DKV_BUILD_BENCH=OFF
+  cmake --build build-fuzz -j "$jobs"
+  shopt -s nullglob
+  for bin in build-fuzz/fuzz/fuzz_*; do
+    [ -x "$bin" ] || continue
+    name=$(basename "$bin"); name=${name#fuzz_}
+    corpus="$root/fuzz/corpus/$name"
+    work=$(mktemp -d)
+    seeds=()
+    [ -d "$corpus" ] && seeds=("$corpus")
+    echo "fuzzing $name for ${fuzz_seconds}s"
+    "$bin" -max_total_time="$fuzz_seconds" -max_len=4096 -timeout=10 -rss_limit_mb=2048 \
+      -print_final_stats=0 "$work" "${seeds[@]}" 2>"$work.log" || {
+        tail -n 60 "$work.log"; echo "fuzz target $name found a failure"; exit 1; }
+    rm -rf "$work" "$work.log"
+  done
+fi
+step "all tests passed"
