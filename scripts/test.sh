@@ -17,11 +17,19 @@ fuzz_seconds=${KV_FUZZ_SECONDS:-20}
 
 step() { printf '\n==== %s\n' "$*"; }
 
+# Every ctest run is logged so that one closing line can count them all.
+summary=$(mktemp)
+trap 'rm -f "$summary"' EXIT
+run_ctest() {
+  ctest "$@" --output-on-failure -j "$jobs" 2>&1 | tee -a "$summary"
+  return "${PIPESTATUS[0]}"
+}
+
 step "build (g++, release)"
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release -DKV_WERROR=ON
 cmake --build build -j "$jobs"
 step "tests (g++, release)"
-ctest --test-dir build --output-on-failure -j "$jobs"
+run_ctest --test-dir build
 
 step "build (clang, ASan + UBSan)"
 cmake -S . -B build-san -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
@@ -30,7 +38,7 @@ cmake -S . -B build-san -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 cmake --build build-san -j "$jobs"
 step "tests (clang, ASan + UBSan)"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
-  ctest --test-dir build-san --output-on-failure -j "$jobs"
+  run_ctest --test-dir build-san
 
 if [ "$fuzz_seconds" -gt 0 ]; then
   step "fuzz targets (clang, libFuzzer)"
@@ -54,3 +62,6 @@ if [ "$fuzz_seconds" -gt 0 ]; then
   done
 fi
 step "all tests passed"
+# "N passed, N failed" over every ctest run above.
+awk '/tests passed, [0-9]+ tests failed out of/ { total += $NF; failed += $4 }
+     END { printf "ctest: %d passed, %d failed\n", total - failed, failed }' "$summary"
