@@ -43,7 +43,8 @@ TEST(MiByte, CopiesAreIndependentAndMovesLeaveAnEmptyValue) {
   EXPECT_STREQ(a.GetChars(), "xyz");
   a = b;
   EXPECT_STREQ(a.GetChars(), "Qyz");
-  a = a;  // self-assignment keeps the content
+  MiByte& alias = a;
+  a = alias;  // self-assignment keeps the content
   EXPECT_STREQ(a.GetChars(), "Qyz");
   MiByte c(std::move(a));
   EXPECT_TRUE(a.Empty());
