@@ -35,6 +35,11 @@ TEST(MiByteBuffer, CapacityGrowsByDoubling) {
   EXPECT_EQ(sized.GetLength(), 3000u);
   EXPECT_EQ(sized.CharAt(2999), 0);
   EXPECT_EQ(MiByteBuffer(1024).Capacity(), 1024u);
+  MiByteBuffer empty(std::string(3000, 'e').data(), 0);
+  empty.EnsureCapacity(4000);
+  EXPECT_EQ(empty.Capacity(), 4096u);
+  empty.EnsureCapacity(10);
+  EXPECT_EQ(empty.Capacity(), 4096u);
 
   b.EnsureCapacity(4097);
   EXPECT_EQ(b.Capacity(), 8192u);

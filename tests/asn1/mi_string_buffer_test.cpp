@@ -16,6 +16,9 @@ TEST(MiStringBuffer, CapacityAlwaysKeepsRoomForTheTerminator) {
   EXPECT_EQ(MiStringBuffer().Capacity(), 1024u);
   EXPECT_EQ(MiStringBuffer(1024u).Capacity(), 2048u);
   EXPECT_EQ(MiStringBuffer(1023u).Capacity(), 1024u);
+  MiStringBuffer sized(3000u);
+  sized.EnsureCapacity(10);
+  EXPECT_EQ(sized.Capacity(), 4096u);
   MiStringBuffer b;
   for (int i = 0; i < 1023; ++i) b.Append('x');
   EXPECT_EQ(b.Capacity(), 1024u);
