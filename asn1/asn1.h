@@ -3,3 +3,10 @@
 #pragma once
 
 #include "asn1/counters.h"
+#include "asn1/mi_bitset.h"
+#include "asn1/mi_byte.h"
+#include "asn1/mi_byte_buffer.h"
+#include "asn1/mi_exception.h"
+#include "asn1/mi_object.h"
+#include "asn1/mi_string.h"
+#include "asn1/mi_string_buffer.h"
