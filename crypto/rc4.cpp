@@ -12,10 +12,10 @@ Rc4::~Rc4() {
 
 bool Rc4::SetKey(const uint8_t* key, size_t len) {
   if (key == nullptr || len < 1 || len > kMaxKeySize) return false;
-  for (uint32_t i = 0; i < 256; ++i) s_[i] = i;
+  for (uint32_t i = 0; i < 256; ++i) s_[i] = uint8_t(i);
   uint32_t j = 0;
   for (uint32_t i = 0; i < 256; ++i) {
-    uint32_t t = s_[i];
+    uint8_t t = s_[i];
     j = (j + t + key[i % len]) & 0xff;
     s_[i] = s_[j];
     s_[j] = t;
@@ -27,36 +27,66 @@ bool Rc4::SetKey(const uint8_t* key, size_t len) {
 
 bool Rc4::Process(const uint8_t* in, uint8_t* out, size_t n) {
   if (!keyed_) return false;
-  uint32_t* s = s_;
+  uint8_t* s = s_;
   uint32_t i = i_, j = j_;
-  auto next = [&]() -> uint64_t {
-    i = (i + 1) & 0xff;
+  // One key stream byte in the textbook order, i already advanced.
+  auto step = [&]() -> uint64_t {
     uint32_t a = s[i];
     j = (j + a) & 0xff;
     uint32_t b = s[j];
-    s[i] = b;
-    s[j] = a;
+    s[i] = uint8_t(b);
+    s[j] = uint8_t(a);
     return s[(a + b) & 0xff];
   };
   // Eight key stream bytes are gathered into one word and applied at once.
+  // While i does not wrap within the eight steps its entries sit at fixed
+  // offsets from one pointer, and each step loads the next entry before its
+  // own swap, patching the value when the swap wrote that very entry; this
+  // keeps the loads off the chain through j.
   for (; n >= 8; n -= 8, in += 8, out += 8) {
-    uint64_t ks = next();
-    ks |= next() << 8;
-    ks |= next() << 16;
-    ks |= next() << 24;
-    ks |= next() << 32;
-    ks |= next() << 40;
-    ks |= next() << 48;
-    ks |= next() << 56;
-    uint64_t v;
-    std::memcpy(&v, in, 8);
+    uint64_t ks = 0;
+    if (i < 247) {
+      uint8_t* p = s + i;
+      uint32_t a = p[1];
+#define KV_RC4_STEP(m)                                  \
+  do {                                                  \
+    j = (j + a) & 0xff;                                 \
+    uint32_t b = s[j];                                  \
+    uint32_t next = p[(m) + 1];                         \
+    s[j] = uint8_t(a);                                  \
+    p[m] = uint8_t(b);                                  \
+    next = j == i + (m) + 1 ? a : next;                 \
+    ks |= uint64_t(s[(a + b) & 0xff]) << (8 * ((m)-1)); \
+    a = next;                                           \
+  } while (0)
+      KV_RC4_STEP(1);
+      KV_RC4_STEP(2);
+      KV_RC4_STEP(3);
+      KV_RC4_STEP(4);
+      KV_RC4_STEP(5);
+      KV_RC4_STEP(6);
+      KV_RC4_STEP(7);
+      KV_RC4_STEP(8);
+#undef KV_RC4_STEP
+      i += 8;
+    } else {
+      for (int k = 0; k < 8; ++k) {
+        i = (i + 1) & 0xff;
+        ks |= step() << (8 * k);
+      }
+    }
 #if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
     ks = __builtin_bswap64(ks);
 #endif
+    uint64_t v;
+    std::memcpy(&v, in, 8);
     v ^= ks;
     std::memcpy(out, &v, 8);
   }
-  for (; n; --n) *out++ = uint8_t(*in++ ^ next());
+  for (; n; --n) {
+    i = (i + 1) & 0xff;
+    *out++ = uint8_t(*in++ ^ step());
+  }
   i_ = i;
   j_ = j;
   return true;

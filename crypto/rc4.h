@@ -27,7 +27,7 @@ class Rc4 {
                       size_t n);
 
  private:
-  uint32_t s_[256] = {};
+  uint8_t s_[256] = {};
   uint32_t i_ = 0, j_ = 0;
   bool keyed_ = false;
 };
