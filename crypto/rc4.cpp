@@ -40,24 +40,29 @@ bool Rc4::Process(const uint8_t* in, uint8_t* out, size_t n) {
   };
   // Eight key stream bytes are gathered into one word and applied at once.
   // While i does not wrap within the eight steps its entries sit at fixed
-  // offsets from one pointer, and each step loads the next entry before its
-  // own swap, patching the value when the swap wrote that very entry; this
-  // keeps the loads off the chain through j.
+  // offsets from one pointer. Each step loads the next entry before its own
+  // swap and patches it when the swap wrote that very entry; the next j is
+  // computed for both cases and chosen, which keeps the chain through j short.
+  // Inside the block jj runs ahead: it already includes the next entry, and
+  // only its low byte is the index.
   for (; n >= 8; n -= 8, in += 8, out += 8) {
     uint64_t ks = 0;
     if (i < 247) {
       uint8_t* p = s + i;
       uint32_t a = p[1];
+      uint32_t jj = j + a;
 #define KV_RC4_STEP(m)                                  \
   do {                                                  \
-    j = (j + a) & 0xff;                                 \
-    uint32_t b = s[j];                                  \
+    uint32_t jm = jj & 0xff;                            \
+    uint32_t b = s[jm];                                 \
     uint32_t next = p[(m) + 1];                         \
-    s[j] = uint8_t(a);                                  \
+    s[jm] = uint8_t(a);                                 \
     p[m] = uint8_t(b);                                  \
-    next = j == i + (m) + 1 ? a : next;                 \
+    bool patched = jm == i + (m) + 1;                   \
     ks |= uint64_t(s[(a + b) & 0xff]) << (8 * ((m)-1)); \
-    a = next;                                           \
+    uint32_t j_loaded = jj + next, j_patched = jj + a;  \
+    jj = patched ? j_patched : j_loaded;                \
+    a = patched ? a : next;                             \
   } while (0)
       KV_RC4_STEP(1);
       KV_RC4_STEP(2);
@@ -68,6 +73,7 @@ bool Rc4::Process(const uint8_t* in, uint8_t* out, size_t n) {
       KV_RC4_STEP(7);
       KV_RC4_STEP(8);
 #undef KV_RC4_STEP
+      j = (jj - a) & 0xff;
       i += 8;
     } else {
       for (int k = 0; k < 8; ++k) {
