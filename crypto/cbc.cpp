@@ -1,6 +1,12 @@
 #include "crypto/cbc.h"
 
+#include "crypto/internal/wipe.h"
+
 namespace kv {
+
+void internal::CbcWipe(void* p, size_t n) {
+  Wipe(p, n);
+}
 
 bool DesCbcEncrypt(const uint8_t* key, size_t key_len, const uint8_t* iv, size_t iv_len,
                    const uint8_t* in, size_t len, uint8_t* out, size_t* out_len, bool pad) {

@@ -8,12 +8,14 @@
 #include <cstring>
 
 #include "crypto/des.h"
-#include "crypto/internal/wipe.h"
 #include "crypto/rc2.h"
 
 namespace kv {
 
 namespace internal {
+
+// Clears a buffer in a way the optimiser keeps.
+void CbcWipe(void* p, size_t n);
 
 // State shared by both directions: the keyed cipher, the chaining value and
 // a partial block carried between updates.
@@ -43,8 +45,8 @@ class CbcState {
  protected:
   void Clear() {
     cipher_ = Cipher();
-    Wipe(iv_, sizeof iv_);
-    Wipe(buf_, sizeof buf_);
+    CbcWipe(iv_, sizeof iv_);
+    CbcWipe(buf_, sizeof buf_);
     used_ = 0;
     ready_ = false;
   }
@@ -195,7 +197,7 @@ class CbcDecryptor : public internal::CbcState<Cipher> {
         std::memcpy(out, block, kBlockSize - n);
         *out_len = kBlockSize - n;
       }
-      internal::Wipe(block, sizeof block);
+      internal::CbcWipe(block, sizeof block);
     }
     this->Clear();
     return ok;
