@@ -117,11 +117,14 @@ void DesFp(uint32_t& l, uint32_t& r) {
 // right by 3 lines up windows 0, 2, 4, 6 in the four bytes (most significant
 // first), rotating it left by 1 lines up windows 1, 3, 5, 7; the subkey words
 // are laid out the same way.
-#define KV_DES_ROUND(l, r, k)                                                                   \
-  do {                                                                                          \
-    uint32_t u = Rotr32(r, 3) ^ (k)[0], v = Rotl32(r, 1) ^ (k)[1];                              \
-    l ^= sp[0][(u >> 24) & 63] ^ sp[2][(u >> 16) & 63] ^ sp[4][(u >> 8) & 63] ^ sp[6][u & 63] ^ \
-         sp[1][(v >> 24) & 63] ^ sp[3][(v >> 16) & 63] ^ sp[5][(v >> 8) & 63] ^ sp[7][v & 63];  \
+#define KV_DES_ROUND(l, r, k)                                           \
+  do {                                                                  \
+    uint32_t u = Rotr32(r, 3) ^ (k)[0], v = Rotl32(r, 1) ^ (k)[1];      \
+    /* A balanced tree, so the eight lookups combine in three steps. */ \
+    l ^= ((sp[0][(u >> 24) & 63] ^ sp[2][(u >> 16) & 63]) ^             \
+          (sp[4][(u >> 8) & 63] ^ sp[6][u & 63])) ^                     \
+         ((sp[1][(v >> 24) & 63] ^ sp[3][(v >> 16) & 63]) ^             \
+          (sp[5][(v >> 8) & 63] ^ sp[7][v & 63]));                      \
   } while (0)
 
 // Sixteen rounds on halves already through IP; leaves the halves swapped as
@@ -250,19 +253,25 @@ void Des::DecryptBlock(const uint8_t* in, uint8_t* out) const {
 
 void Des::CbcEncrypt(uint8_t* iv, const uint8_t* in, uint8_t* out, size_t blocks) const {
   const auto& sp = internal::Tables().sp;
+  // The chaining value is kept after IP. IP is a bit permutation, so
+  // IP(P ^ C) = IP(P) ^ IP(C), and IP(C) is the round output itself: IP of
+  // the next plaintext and FP of each output then stay off the serial chain.
   uint32_t l = LoadBe32(iv), r = LoadBe32(iv + 4);
+  internal::Ip(l, r);
   for (; blocks; --blocks, in += 8, out += 8) {
-    l ^= LoadBe32(in);
-    r ^= LoadBe32(in + 4);
-    internal::Ip(l, r);
-    internal::Rounds(sp, enc_, l, r);
-    internal::Fp(r, l);
-    uint32_t t = l;  // the output block is (r, l)
-    l = r;
-    r = t;
-    StoreBe32(out, l);
-    StoreBe32(out + 4, r);
+    uint32_t pl = LoadBe32(in), pr = LoadBe32(in + 4);
+    internal::Ip(pl, pr);
+    // The rounds leave (L16, R16); the block before FP is (R16, L16).
+    uint32_t a = l ^ pl, b = r ^ pr;
+    internal::Rounds(sp, enc_, a, b);
+    l = b;
+    r = a;
+    uint32_t ol = l, orr = r;
+    internal::Fp(ol, orr);
+    StoreBe32(out, ol);
+    StoreBe32(out + 4, orr);
   }
+  internal::Fp(l, r);
   StoreBe32(iv, l);
   StoreBe32(iv + 4, r);
 }
@@ -314,18 +323,25 @@ void TripleDes::DecryptBlock(const uint8_t* in, uint8_t* out) const {
 
 void TripleDes::CbcEncrypt(uint8_t* iv, const uint8_t* in, uint8_t* out, size_t blocks) const {
   const auto& sp = internal::Tables().sp;
-  const uint32_t *a = k_[0].enc_, *b = k_[1].dec_, *c = k_[2].enc_;
+  const uint32_t *ka = k_[0].enc_, *kb = k_[1].dec_, *kc = k_[2].enc_;
+  // As in Des::CbcEncrypt, the chaining value is kept after IP.
   uint32_t l = LoadBe32(iv), r = LoadBe32(iv + 4);
+  internal::Ip(l, r);
   for (; blocks; --blocks, in += 8, out += 8) {
-    l ^= LoadBe32(in);
-    r ^= LoadBe32(in + 4);
-    Crypt3(a, b, c, sp, l, r);
-    uint32_t t = l;
-    l = r;
-    r = t;
-    StoreBe32(out, l);
-    StoreBe32(out + 4, r);
+    uint32_t pl = LoadBe32(in), pr = LoadBe32(in + 4);
+    internal::Ip(pl, pr);
+    uint32_t a = l ^ pl, b = r ^ pr;
+    internal::Rounds(sp, ka, a, b);
+    internal::Rounds(sp, kb, b, a);
+    internal::Rounds(sp, kc, a, b);
+    l = b;
+    r = a;
+    uint32_t ol = l, orr = r;
+    internal::Fp(ol, orr);
+    StoreBe32(out, ol);
+    StoreBe32(out + 4, orr);
   }
+  internal::Fp(l, r);
   StoreBe32(iv, l);
   StoreBe32(iv + 4, r);
 }
