@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "crypto/internal/bytes.h"
-#include "crypto/internal/des_tables.h"
 #include "crypto/internal/wipe.h"
 
 namespace kv {
@@ -12,10 +11,6 @@ namespace internal {
 namespace {
 
 // Tables of FIPS 46-3, bit numbers counted from 1 at the most significant bit.
-constexpr uint8_t kIp[64] = {58, 50, 42, 34, 26, 18, 10, 2, 60, 52, 44, 36, 28, 20, 12, 4,
-                             62, 54, 46, 38, 30, 22, 14, 6, 64, 56, 48, 40, 32, 24, 16, 8,
-                             57, 49, 41, 33, 25, 17, 9,  1, 59, 51, 43, 35, 27, 19, 11, 3,
-                             61, 53, 45, 37, 29, 21, 13, 5, 63, 55, 47, 39, 31, 23, 15, 7};
 constexpr uint8_t kP[32] = {16, 7, 20, 21, 29, 12, 28, 17, 1,  15, 23, 26, 5,  18, 31, 10,
                             2,  8, 24, 14, 32, 27, 3,  9,  19, 13, 30, 6,  22, 11, 4,  25};
 constexpr uint8_t kPc1[56] = {57, 49, 41, 33, 25, 17, 9,  1,  58, 50, 42, 34, 26, 18,
@@ -52,6 +47,14 @@ constexpr uint8_t kS[8][64] = {
      7,  4, 12, 5, 6, 11, 0,  14, 9,  2,  7, 11, 4,  1,  9,  12, 14, 2,  0,  6, 10, 13,
      15, 3, 5,  8, 2, 1,  14, 7,  4,  10, 8, 13, 15, 12, 9,  0,  3,  5,  6,  11}};
 
+// Output bit i (from the most significant) is input bit table[i], counted
+// from 1 at the most significant of in_bits.
+uint64_t Permute(uint64_t in, int in_bits, const uint8_t* table, int out_bits) {
+  uint64_t out = 0;
+  for (int i = 0; i < out_bits; ++i) out = (out << 1) | ((in >> (in_bits - table[i])) & 1);
+  return out;
+}
+
 // SP[i][x]: S-box i applied to the six bits x, its four output bits placed
 // where S-box i writes them, then run through P. One lookup per S-box does
 // both steps of the round function.
@@ -73,44 +76,26 @@ const SpTables& Tables() {
   return t;
 }
 
-}  // namespace
-
-uint64_t Permute(uint64_t in, int in_bits, const uint8_t* table, int out_bits) {
-  uint64_t out = 0;
-  for (int i = 0; i < out_bits; ++i) out = (out << 1) | ((in >> (in_bits - table[i])) & 1);
-  return out;
-}
-
-uint64_t DesInitialPermutationReference(uint64_t x) {
-  return Permute(x, 64, kIp, 64);
-}
-
-// The initial permutation as five exchanges of bit groups between the halves.
-static inline void SwapMove(uint32_t& a, uint32_t& b, int shift, uint32_t mask) {
+// The initial permutation IP as five exchanges of bit groups between the
+// halves, and its inverse FP as the same exchanges in reverse order.
+inline void SwapMove(uint32_t& a, uint32_t& b, int shift, uint32_t mask) {
   uint32_t t = ((a >> shift) ^ b) & mask;
   b ^= t;
   a ^= t << shift;
 }
-static inline void Ip(uint32_t& l, uint32_t& r) {
+inline void Ip(uint32_t& l, uint32_t& r) {
   SwapMove(l, r, 4, 0x0f0f0f0f);
   SwapMove(l, r, 16, 0x0000ffff);
   SwapMove(r, l, 2, 0x33333333);
   SwapMove(r, l, 8, 0x00ff00ff);
   SwapMove(l, r, 1, 0x55555555);
 }
-static inline void Fp(uint32_t& l, uint32_t& r) {
+inline void Fp(uint32_t& l, uint32_t& r) {
   SwapMove(l, r, 1, 0x55555555);
   SwapMove(r, l, 8, 0x00ff00ff);
   SwapMove(r, l, 2, 0x33333333);
   SwapMove(l, r, 16, 0x0000ffff);
   SwapMove(l, r, 4, 0x0f0f0f0f);
-}
-
-void DesIp(uint32_t& l, uint32_t& r) {
-  Ip(l, r);
-}
-void DesFp(uint32_t& l, uint32_t& r) {
-  Fp(l, r);
 }
 
 // The expansion E takes eight overlapping six-bit windows of R. Rotating R
@@ -129,14 +114,14 @@ void DesFp(uint32_t& l, uint32_t& r) {
 
 // Sixteen rounds on halves already through IP; leaves the halves swapped as
 // the last round does not exchange them, so the caller passes (r, l) to FP.
-static inline void Rounds(const uint32_t (*sp)[64], const uint32_t* ks, uint32_t& l, uint32_t& r) {
+inline void Rounds(const uint32_t (*sp)[64], const uint32_t* ks, uint32_t& l, uint32_t& r) {
   for (int i = 0; i < 32; i += 4) {
     KV_DES_ROUND(l, r, ks + i);
     KV_DES_ROUND(r, l, ks + i + 2);
   }
 }
 
-void DesKeySchedule(const uint8_t* key, uint32_t* enc, uint32_t* dec) {
+void KeySchedule(const uint8_t* key, uint32_t* enc, uint32_t* dec) {
   uint64_t k = 0;
   for (int i = 0; i < 8; ++i) k = (k << 8) | key[i];
   uint64_t cd = Permute(k, 64, kPc1, 56);
@@ -160,6 +145,7 @@ void DesKeySchedule(const uint8_t* key, uint32_t* enc, uint32_t* dec) {
   Wipe(&cd, sizeof cd);
 }
 
+}  // namespace
 }  // namespace internal
 
 using internal::LoadBe32;
@@ -239,7 +225,7 @@ Des::~Des() {
 
 bool Des::SetKey(const uint8_t* key, size_t len) {
   if (key == nullptr || len != kKeySize) return false;
-  internal::DesKeySchedule(key, enc_, dec_);
+  internal::KeySchedule(key, enc_, dec_);
   keyed_ = true;
   return true;
 }

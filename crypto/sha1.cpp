@@ -4,7 +4,6 @@
 
 #include "crypto/internal/bytes.h"
 #include "crypto/internal/cpu.h"
-#include "crypto/internal/sha1_blocks.h"
 #include "crypto/internal/wipe.h"
 
 #if defined(__x86_64__) || defined(__i386__)
@@ -16,6 +15,7 @@
 
 namespace kv {
 namespace internal {
+namespace {
 
 // Round constants of FIPS 180-4 section 4.2.1.
 constexpr uint32_t kSha1K0 = 0x5a827999, kSha1K1 = 0x6ed9eba1, kSha1K2 = 0x8f1bbcdc,
@@ -82,7 +82,6 @@ void Sha1BlocksPortable(uint32_t h[5], const uint8_t* p, size_t blocks) {
 }
 
 #ifdef KV_HAVE_SHA_NI
-namespace {
 
 #define KV_SHA_TARGET __attribute__((target("sha,sse4.1")))
 
@@ -134,7 +133,6 @@ KV_SHA_TARGET void Sha1BlocksShaNi(uint32_t h[5], const uint8_t* p, size_t block
   h[4] = uint32_t(_mm_extract_epi32(e0, 3));
 }
 
-}  // namespace
 #endif
 
 void Sha1Blocks(uint32_t h[5], const uint8_t* p, size_t blocks) {
@@ -147,6 +145,7 @@ void Sha1Blocks(uint32_t h[5], const uint8_t* p, size_t blocks) {
   Sha1BlocksPortable(h, p, blocks);
 }
 
+}  // namespace
 }  // namespace internal
 
 Sha1::~Sha1() {

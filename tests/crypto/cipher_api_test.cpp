@@ -82,17 +82,6 @@ TEST(CipherKeys, TripleDesKeyFormsReduceToEachOther) {
   EXPECT_EQ(ToHex(a.data(), na), ToHex(b.data(), nb));
 }
 
-TEST(CipherKeys, Rc2DefaultEffectiveLengthIsTheKeyLength) {
-  std::vector<uint8_t> key(kKey24.begin(), kKey24.begin() + 16);
-  kv::Rc2 a, b;
-  ASSERT_TRUE(a.SetKey(key.data(), 16));
-  ASSERT_TRUE(b.SetKey(key.data(), 16, 128));
-  uint8_t x[8], y[8];
-  a.EncryptBlock(kIv.data(), x);
-  b.EncryptBlock(kIv.data(), y);
-  EXPECT_EQ(ToHex(x, 8), ToHex(y, 8));
-}
-
 // Decrypts with padding a ciphertext whose last plaintext block is `last`.
 bool DecryptsWithPadding(const std::vector<uint8_t>& last, std::vector<uint8_t>* msg) {
   kv::TripleDes c;
