@@ -40,6 +40,12 @@ class CbcState {
     ready_ = true;
     return true;
   }
+  // The same from raw key bytes, with the cipher's default key form (for
+  // RC2 an effective length equal to the key length).
+  bool Init(const uint8_t* key, size_t key_len, const uint8_t* iv, size_t iv_len, bool pad) {
+    Cipher cipher;
+    return cipher.SetKey(key, key_len) && Init(cipher, iv, iv_len, pad);
+  }
   bool Ready() const { return ready_; }
 
  protected:

@@ -144,10 +144,15 @@ TEST(CbcStreams, RefuseUseWithoutValidInit) {
   EXPECT_FALSE(enc.Init(unkeyed, kIv.data(), 8, true));
   EXPECT_FALSE(enc.Init(keyed, kIv.data(), 7, true));
   EXPECT_FALSE(enc.Init(keyed, nullptr, 8, true));
-  ASSERT_TRUE(enc.Init(keyed, kIv.data(), 8, true));
+  EXPECT_FALSE(enc.Init(kKey24.data(), 7, kIv.data(), 8, true));
+  // Initialised from raw key bytes, the stream matches the one-shot function.
+  ASSERT_TRUE(enc.Init(kKey24.data(), 8, kIv.data(), 8, true));
   EXPECT_TRUE(enc.Update(in, 3, out, &n));
   EXPECT_TRUE(enc.Final(out, &n));
   EXPECT_EQ(n, 8u);
+  uint8_t want[8];
+  ASSERT_TRUE(kv::DesCbcEncrypt(kKey24.data(), 8, kIv.data(), 8, in, 3, want, &n));
+  EXPECT_EQ(ToHex(out, 8), ToHex(want, 8));
   // Final ends the message: the next one needs Init.
   EXPECT_FALSE(enc.Update(in, 3, out, &n));
 }
