@@ -44,7 +44,9 @@ class CbcState {
   // RC2 an effective length equal to the key length).
   bool Init(const uint8_t* key, size_t key_len, const uint8_t* iv, size_t iv_len, bool pad) {
     Cipher cipher;
-    return cipher.SetKey(key, key_len) && Init(cipher, iv, iv_len, pad);
+    if (cipher.SetKey(key, key_len)) return Init(cipher, iv, iv_len, pad);
+    Clear();  // a failed Init never leaves the previous message usable
+    return false;
   }
   bool Ready() const { return ready_; }
 
