@@ -2,3 +2,4 @@
 #pragma once
 
 #include "crypto/sha1.h"
+#include "crypto/rsa.h"
