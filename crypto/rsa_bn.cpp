@@ -1,7 +1,11 @@
 // Multi-precision arithmetic for the RSA engine: conversions, schoolbook
 // multiplication, long division and Montgomery exponentiation.
 #include <cstring>
+#if defined(__x86_64__)
+#include <cpuid.h>
+#endif
 
+#include "crypto/internal/cpu.h"
 #include "crypto/internal/rsa_bn.h"
 
 namespace kv {
@@ -291,9 +295,220 @@ inline void MontSqrFixed(Limb* r, const Limb* a, const Limb* m, Limb n0, int n_r
   FinalSubtract(r, t + n, extra, m, n);
 }
 
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#define KV_RSA_HAVE_ADX_PATH 1
+
+bool CpuHasAdx() {
+  static const bool has = [] {
+    unsigned a = 0, b = 0, c = 0, d = 0;
+    if (!__get_cpuid_count(7, 0, &a, &b, &c, &d)) return false;
+    return ((b >> 19) & 1) && ((b >> 8) & 1);  // ADX and BMI2 (mulx)
+  }();
+  return has;
+}
+
+// One outer step of the Montgomery product with two independent carry chains
+// (adcx on CF, adox on OF) per row: t += a * bi, then t = (t + m * mod) / 2^64
+// with m = t[0] * n0. t holds N + 2 limbs and t[N + 1] is 0 on entry.
+template <int N>
+inline void MontRowAdx(Limb* t, const Limb* a, Limb bi, const Limb* mod, Limb n0) {
+  static_assert(N % 2 == 0 && N >= 4, "even limb counts only");
+  __asm__ volatile(
+      // t += a * bi
+      "movq %[bi], %%rdx\n\t"
+      "xorl %%eax, %%eax\n\t"
+      "xorl %%r10d, %%r10d\n\t"
+      ".set kvj, 0\n\t"
+      ".rept %c[half]\n\t"
+      "mulxq 8*kvj(%[a]), %%r8, %%r9\n\t"
+      "adoxq 8*kvj(%[t]), %%r8\n\t"
+      "adcxq %%r10, %%r8\n\t"
+      "movq %%r8, 8*kvj(%[t])\n\t"
+      "mulxq 8*(kvj+1)(%[a]), %%r8, %%r10\n\t"
+      "adoxq 8*(kvj+1)(%[t]), %%r8\n\t"
+      "adcxq %%r9, %%r8\n\t"
+      "movq %%r8, 8*(kvj+1)(%[t])\n\t"
+      ".set kvj, kvj+2\n\t"
+      ".endr\n\t"
+      "adcxq %%rax, %%r10\n\t"
+      "adoxq 8*%c[n](%[t]), %%r10\n\t"
+      "movq %%r10, 8*%c[n](%[t])\n\t"
+      "movl $0, %%r8d\n\t"
+      "adoxq %%rax, %%r8\n\t"
+      "movq %%r8, 8*(%c[n]+1)(%[t])\n\t"
+      // m = t[0] * n0; t = (t + m * mod) >> 64
+      "movq (%[t]), %%rdx\n\t"
+      "imulq %[n0], %%rdx\n\t"
+      "xorl %%eax, %%eax\n\t"
+      "mulxq (%[m]), %%r8, %%r9\n\t"
+      "adoxq (%[t]), %%r8\n\t"
+      ".set kvj, 1\n\t"
+      ".rept %c[half]-1\n\t"
+      "mulxq 8*kvj(%[m]), %%r8, %%r10\n\t"
+      "adoxq 8*kvj(%[t]), %%r8\n\t"
+      "adcxq %%r9, %%r8\n\t"
+      "movq %%r8, 8*(kvj-1)(%[t])\n\t"
+      "mulxq 8*(kvj+1)(%[m]), %%r8, %%r9\n\t"
+      "adoxq 8*(kvj+1)(%[t]), %%r8\n\t"
+      "adcxq %%r10, %%r8\n\t"
+      "movq %%r8, 8*kvj(%[t])\n\t"
+      ".set kvj, kvj+2\n\t"
+      ".endr\n\t"
+      "mulxq 8*(%c[n]-1)(%[m]), %%r8, %%r10\n\t"
+      "adoxq 8*(%c[n]-1)(%[t]), %%r8\n\t"
+      "adcxq %%r9, %%r8\n\t"
+      "movq %%r8, 8*(%c[n]-2)(%[t])\n\t"
+      "adcxq %%rax, %%r10\n\t"
+      "adoxq 8*%c[n](%[t]), %%r10\n\t"
+      "movq %%r10, 8*(%c[n]-1)(%[t])\n\t"
+      "movq 8*(%c[n]+1)(%[t]), %%r8\n\t"
+      "adoxq %%rax, %%r8\n\t"
+      "movq %%r8, 8*%c[n](%[t])\n\t"
+      "movq %%rax, 8*(%c[n]+1)(%[t])\n\t"
+      :
+      : [t] "r"(t), [a] "r"(a), [m] "r"(mod), [bi] "r"(bi), [n0] "r"(n0), [n] "i"(N),
+        [half] "i"(N / 2)
+      : "rax", "rdx", "r8", "r9", "r10", "cc", "memory");
+}
+
+// t[0..L-1] += a[0..L-1] * x; t[L] (not read) receives the top limb.
+template <int L>
+inline void MulRowAdx(Limb* t, const Limb* a, Limb x) {
+  __asm__ volatile(
+      "movq %[x], %%rdx\n\t"
+      "xorl %%eax, %%eax\n\t"
+      "xorl %%r10d, %%r10d\n\t"
+      ".set kvj, 0\n\t"
+      ".rept %c[len]\n\t"
+      "mulxq 8*kvj(%[a]), %%r8, %%r9\n\t"
+      "adoxq 8*kvj(%[t]), %%r8\n\t"
+      "adcxq %%r10, %%r8\n\t"
+      "movq %%r8, 8*kvj(%[t])\n\t"
+      "movq %%r9, %%r10\n\t"
+      ".set kvj, kvj+1\n\t"
+      ".endr\n\t"
+      "adcxq %%rax, %%r10\n\t"
+      "adoxq %%rax, %%r10\n\t"
+      "movq %%r10, 8*%c[len](%[t])\n\t"
+      :
+      : [t] "r"(t), [a] "r"(a), [x] "r"(x), [len] "i"(L)
+      : "rax", "rdx", "r8", "r9", "r10", "cc", "memory");
+}
+
+// One reduction step: t[0..N-1] += (t[0] n0 mod 2^64) * mod, which clears
+// t[0]; returns the limb that belongs above t[N-1].
+template <int N>
+inline Limb RedRowAdx(Limb* t, const Limb* mod, Limb n0) {
+  Limb top;
+  __asm__ volatile(
+      "movq (%[t]), %%rdx\n\t"
+      "imulq %[n0], %%rdx\n\t"
+      "xorl %%eax, %%eax\n\t"
+      "xorl %%r10d, %%r10d\n\t"
+      ".set kvj, 0\n\t"
+      ".rept %c[n]\n\t"
+      "mulxq 8*kvj(%[m]), %%r8, %%r9\n\t"
+      "adoxq 8*kvj(%[t]), %%r8\n\t"
+      "adcxq %%r10, %%r8\n\t"
+      "movq %%r8, 8*kvj(%[t])\n\t"
+      "movq %%r9, %%r10\n\t"
+      ".set kvj, kvj+1\n\t"
+      ".endr\n\t"
+      "adcxq %%rax, %%r10\n\t"
+      "adoxq %%rax, %%r10\n\t"
+      "movq %%r10, %[top]\n\t"
+      : [top] "=&r"(top)
+      : [t] "r"(t), [m] "r"(mod), [n0] "r"(n0), [n] "i"(N)
+      : "rax", "rdx", "r8", "r9", "r10", "cc", "memory");
+  return top;
+}
+
+template <int N, int I>
+struct CrossRowsAdx {
+  static inline void Run(Limb* t, const Limb* a) {
+    MulRowAdx<N - 1 - I>(t + 2 * I + 1, a + I + 1, a[I]);
+    CrossRowsAdx<N, I + 1>::Run(t, a);
+  }
+};
+template <int N>
+struct CrossRowsAdx<N, N - 1> {
+  static inline void Run(Limb*, const Limb*) {}
+};
+
+// Square: cross products once, doubled, plus the limb squares; then N
+// reduction steps over the 2N-limb value.
+template <int N>
+inline void MontSqrAdx(Limb* r, const Limb* a, const Limb* m, Limb n0) {
+  Limb t[2 * N + 1];
+  for (int i = 0; i < 2 * N + 1; ++i) t[i] = 0;
+  CrossRowsAdx<N, 0>::Run(t, a);
+  Limb shift = 0, carry = 0;
+  for (int i = 0; i < N; ++i) {
+    DLimb sq = static_cast<DLimb>(a[i]) * a[i];
+    Limb lo = t[2 * i], hi = t[2 * i + 1];
+    Limb dlo = (lo << 1) | shift;
+    Limb dhi = (hi << 1) | (lo >> 63);
+    shift = hi >> 63;
+    DLimb s0 = static_cast<DLimb>(dlo) + static_cast<Limb>(sq) + carry;
+    t[2 * i] = static_cast<Limb>(s0);
+    DLimb s1 = static_cast<DLimb>(dhi) + static_cast<Limb>(sq >> 64) + static_cast<Limb>(s0 >> 64);
+    t[2 * i + 1] = static_cast<Limb>(s1);
+    carry = static_cast<Limb>(s1 >> 64);
+  }
+  Limb extra = 0;
+  for (int i = 0; i < N; ++i) {
+    Limb c = RedRowAdx<N>(t + i, m, n0);
+    DLimb s = static_cast<DLimb>(t[i + N]) + c + extra;
+    t[i + N] = static_cast<Limb>(s);
+    extra = static_cast<Limb>(s >> 64);
+  }
+  FinalSubtract(r, t + N, extra, m, N);
+}
+
+template <int N>
+inline void MontMulAdx(Limb* r, const Limb* a, const Limb* b, const Limb* m, Limb n0) {
+  Limb t[N + 2];
+  for (int j = 0; j < N + 2; ++j) t[j] = 0;
+  for (int i = 0; i < N; ++i) MontRowAdx<N>(t, a, b[i], m, n0);
+  FinalSubtract(r, t, t[N], m, N);
+}
+#endif
+
 }  // namespace
 
 void MontMul(const Mont& ctx, Limb* r, const Limb* a, const Limb* b) {
+#ifdef KV_RSA_HAVE_ADX_PATH
+  if (CpuHasAdx() && kv::internal::AccelerationAllowed()) {
+    switch (ctx.n) {
+      case 4:
+        MontMulAdx<4>(r, a, b, ctx.m, ctx.n0);
+        return;
+      case 8:
+        MontMulAdx<8>(r, a, b, ctx.m, ctx.n0);
+        return;
+      case 16:
+        MontMulAdx<16>(r, a, b, ctx.m, ctx.n0);
+        return;
+      case 24:
+        MontMulAdx<24>(r, a, b, ctx.m, ctx.n0);
+        return;
+      case 32:
+        MontMulAdx<32>(r, a, b, ctx.m, ctx.n0);
+        return;
+      case 48:
+        MontMulAdx<48>(r, a, b, ctx.m, ctx.n0);
+        return;
+      case 64:
+        MontMulAdx<64>(r, a, b, ctx.m, ctx.n0);
+        return;
+      case 128:
+        MontMulAdx<128>(r, a, b, ctx.m, ctx.n0);
+        return;
+      default:
+        break;
+    }
+  }
+#endif
   switch (ctx.n) {
     case 4:
       MontMulFixed<4>(r, a, b, ctx.m, ctx.n0, 4);
@@ -320,6 +535,34 @@ void MontMul(const Mont& ctx, Limb* r, const Limb* a, const Limb* b) {
 }
 
 void MontSqr(const Mont& ctx, Limb* r, const Limb* a) {
+#ifdef KV_RSA_HAVE_ADX_PATH
+  if (CpuHasAdx() && kv::internal::AccelerationAllowed()) {
+    switch (ctx.n) {
+      case 4:
+        MontSqrAdx<4>(r, a, ctx.m, ctx.n0);
+        return;
+      case 8:
+        MontSqrAdx<8>(r, a, ctx.m, ctx.n0);
+        return;
+      case 16:
+        MontSqrAdx<16>(r, a, ctx.m, ctx.n0);
+        return;
+      case 24:
+        MontSqrAdx<24>(r, a, ctx.m, ctx.n0);
+        return;
+      case 32:
+        MontSqrAdx<32>(r, a, ctx.m, ctx.n0);
+        return;
+      case 48:
+      case 64:
+      case 128:
+        MontMul(ctx, r, a, a);
+        return;
+      default:
+        break;
+    }
+  }
+#endif
   switch (ctx.n) {
     case 4:
       MontSqrFixed<4>(r, a, ctx.m, ctx.n0, 4);
