@@ -15,6 +15,7 @@
 #endif
 
 #include "crypto/internal/rsa_bn.h"
+#include "crypto/internal/rsa_ifma.h"
 #include "crypto/internal/rsa_internal.h"
 #include "crypto/rsa.h"
 
@@ -162,12 +163,20 @@ void CrtExp(const KV_RSA_CTX& c, const Limb* x, Limb* r) {
   Limb xp[kMaxLimbs], xq[kMaxLimbs], m1[kMaxLimbs], m2[kMaxLimbs], t[kMaxLimbs];
   bn::DivMod(x, nn, c.p.d, pn, nullptr, xp);
   bn::DivMod(x, nn, c.q.d, qn, nullptr, xq);
-  bn::ToMont(c.mp, t, xp);
-  bn::MontExp(c.mp, t, t, c.dp.d, c.dp.n);
-  bn::FromMont(c.mp, m1, t);
-  bn::ToMont(c.mq, t, xq);
-  bn::MontExp(c.mq, t, t, c.dq.d, c.dq.n);
-  bn::FromMont(c.mq, m2, t);
+  // The IFMA unit runs both halves together when it can; otherwise each half
+  // goes to the 64-bit Montgomery code.
+  if (!bn::IfmaCrtExp(c.mp, m1, xp, c.dp.d, c.dp.n, c.mq, m2, xq, c.dq.d, c.dq.n)) {
+    if (!bn::IfmaModExp(c.mp, m1, xp, c.dp.d, c.dp.n)) {
+      bn::ToMont(c.mp, t, xp);
+      bn::MontExp(c.mp, t, t, c.dp.d, c.dp.n);
+      bn::FromMont(c.mp, m1, t);
+    }
+    if (!bn::IfmaModExp(c.mq, m2, xq, c.dq.d, c.dq.n)) {
+      bn::ToMont(c.mq, t, xq);
+      bn::MontExp(c.mq, t, t, c.dq.d, c.dq.n);
+      bn::FromMont(c.mq, m2, t);
+    }
+  }
   // h = (m1 - m2) qInv mod p
   Limb m2p[kMaxLimbs];
   bn::DivMod(m2, qn, c.p.d, pn, nullptr, m2p);

@@ -1,0 +1,454 @@
+// Modular exponentiation on AVX-512 IFMA: numbers in 52-bit limbs, eight to a
+// vector register, multiplied by almost-Montgomery multiplication (results
+// below twice the modulus, reduced once at the end). Used for the CRT halves
+// when the processor has IFMA; the 64-bit path serves everything else.
+#include "crypto/internal/rsa_ifma.h"
+
+#include <cstring>
+
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#include <cpuid.h>
+#include <immintrin.h>
+#if defined(__GNUC__) && !defined(__clang__)
+// GCC 12's own AVX-512 intrinsics trip this warning when inlined.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+#define KV_RSA_HAVE_IFMA 1
+#endif
+
+#include "crypto/internal/cpu.h"
+#include "crypto/internal/rsa_bn.h"
+
+namespace kv {
+namespace rsabn {
+
+#ifdef KV_RSA_HAVE_IFMA
+namespace {
+
+constexpr std::uint64_t kMask52 = (static_cast<std::uint64_t>(1) << 52) - 1;
+constexpr int kMaxVec = 5;  // 40 limbs of 52 bits: moduli up to 2048 bits
+constexpr int kMaxL52 = kMaxVec * 8;
+
+bool CpuHasIfma() {
+  static const bool has = [] {
+    unsigned a = 0, b = 0, c = 0, d = 0;
+    if (!__get_cpuid(1, &a, &b, &c, &d)) return false;
+    bool osxsave = (c >> 27) & 1;
+    if (!osxsave) return false;
+    // The OS must save the AVX-512 state (XCR0 bits 1, 2, 5, 6, 7).
+    unsigned lo = 0, hi = 0;
+    __asm__("xgetbv" : "=a"(lo), "=d"(hi) : "c"(0));
+    if ((lo & 0xe6) != 0xe6) return false;
+    if (!__get_cpuid_count(7, 0, &a, &b, &c, &d)) return false;
+    return ((b >> 16) & 1) && ((b >> 21) & 1);  // AVX512F and AVX512IFMA
+  }();
+  return has;
+}
+
+// 64-bit limbs into L 52-bit limbs (the rest of the lanes zero).
+void To52(const Limb* a, int n, std::uint64_t* out, int lanes) {
+  for (int j = 0; j < lanes; ++j) {
+    int bit = 52 * j;
+    int limb = bit / 64, off = bit % 64;
+    std::uint64_t v = 0;
+    if (limb < n) v = a[limb] >> off;
+    if (off > 12 && limb + 1 < n) v |= a[limb + 1] << (64 - off);
+    out[j] = v & kMask52;
+  }
+}
+
+void From52(const std::uint64_t* in, int lanes, Limb* a, int n) {
+  for (int i = 0; i < n; ++i) a[i] = 0;
+  for (int j = 0; j < lanes; ++j) {
+    int bit = 52 * j;
+    int limb = bit / 64, off = bit % 64;
+    if (limb < n) a[limb] |= in[j] << off;
+    if (off > 12 && limb + 1 < n) a[limb + 1] |= in[j] >> (64 - off);
+  }
+}
+
+template <int V>
+struct Vec {
+  __m512i v[V];
+};
+
+template <int V>
+__attribute__((target("avx512f,avx512ifma"))) inline void LoadVec(Vec<V>& dst,
+                                                                  const std::uint64_t* src) {
+  for (int v = 0; v < V; ++v)
+    dst.v[v] = _mm512_load_si512(reinterpret_cast<const __m512i*>(src + 8 * v));
+}
+
+// r = a * b / 2^(52 L) modulo m, not fully reduced: inputs below 2m give a
+// result below 2m since 2^(52 L) > 4m. All operands are normalised to 52 bits
+// per lane.
+template <int V>
+__attribute__((target("avx512f,avx512ifma"))) inline void Amm(Vec<V>& r, const Vec<V>& a,
+                                                              const std::uint64_t* b,
+                                                              const Vec<V>& m, std::uint64_t m0,
+                                                              std::uint64_t k0, int lanes) {
+  __m512i x[V];
+  for (int v = 0; v < V; ++v) x[v] = _mm512_setzero_si512();
+  const __m512i zero = _mm512_setzero_si512();
+  for (int i = 0; i < lanes; ++i) {
+    const __m512i bi = _mm512_set1_epi64(static_cast<long long>(b[i]));
+    for (int v = 0; v < V; ++v) x[v] = _mm512_madd52lo_epu64(x[v], a.v[v], bi);
+    std::uint64_t x0 = static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm512_castsi512_si128(x[0])));
+    std::uint64_t mq = (x0 * k0) & kMask52;
+    const __m512i mv = _mm512_set1_epi64(static_cast<long long>(mq));
+    for (int v = 0; v < V; ++v) x[v] = _mm512_madd52lo_epu64(x[v], m.v[v], mv);
+    // Lane 0 is now a multiple of 2^52; its carry moves to the next lane.
+    std::uint64_t carry = (x0 + ((mq * m0) & kMask52)) >> 52;
+    for (int v = 0; v < V - 1; ++v) x[v] = _mm512_alignr_epi64(x[v + 1], x[v], 1);
+    x[V - 1] = _mm512_alignr_epi64(zero, x[V - 1], 1);
+    x[0] = _mm512_add_epi64(x[0], _mm512_maskz_set1_epi64(1, static_cast<long long>(carry)));
+    for (int v = 0; v < V; ++v) x[v] = _mm512_madd52hi_epu64(x[v], a.v[v], bi);
+    for (int v = 0; v < V; ++v) x[v] = _mm512_madd52hi_epu64(x[v], m.v[v], mv);
+  }
+  // Normalise the lanes to 52 bits.
+  alignas(64) std::uint64_t t[V * 8];
+  for (int v = 0; v < V; ++v) _mm512_store_si512(reinterpret_cast<__m512i*>(t + 8 * v), x[v]);
+  std::uint64_t c = 0;
+  for (int j = 0; j < V * 8; ++j) {
+    std::uint64_t s = t[j] + c;
+    t[j] = s & kMask52;
+    c = s >> 52;
+  }
+  for (int v = 0; v < V; ++v)
+    r.v[v] = _mm512_load_si512(reinterpret_cast<const __m512i*>(t + 8 * v));
+}
+
+template <int V>
+__attribute__((target("avx512f,avx512ifma"))) inline void AmmVec(Vec<V>& r, const Vec<V>& a,
+                                                                 const Vec<V>& b, const Vec<V>& m,
+                                                                 std::uint64_t m0, std::uint64_t k0,
+                                                                 int lanes) {
+  alignas(64) std::uint64_t bl[V * 8];
+  for (int v = 0; v < V; ++v) _mm512_store_si512(reinterpret_cast<__m512i*>(bl + 8 * v), b.v[v]);
+  Amm<V>(r, a, bl, m, m0, k0, lanes);
+}
+
+template <int V>
+__attribute__((target("avx512f,avx512ifma"))) void ExpV(const Mont& ctx, Limb* r, const Limb* x,
+                                                        const Limb* e, int en, int lanes) {
+  alignas(64) std::uint64_t buf[V * 8];
+  Vec<V> m, xv, acc, g2;
+  std::memset(buf, 0, sizeof buf);
+  To52(ctx.m, ctx.n, buf, lanes);
+  LoadVec<V>(m, buf);
+  const std::uint64_t m0 = buf[0];
+  const std::uint64_t k0 = ctx.n0 & kMask52;
+  // R'^2 mod m with R' = 2^(52 lanes), by long division of a power of two.
+  Limb pow[2 * kMaxLimbs + 1];
+  const int bits = 104 * lanes;
+  const int pn = bits / 64 + 1;
+  for (int i = 0; i < pn; ++i) pow[i] = 0;
+  pow[bits / 64] = static_cast<Limb>(1) << (bits % 64);
+  Limb rr[kMaxLimbs];
+  DivMod(pow, pn, ctx.m, ctx.n, nullptr, rr);
+  alignas(64) std::uint64_t rr52[V * 8] = {};
+  To52(rr, ctx.n, rr52, lanes);
+  std::memset(buf, 0, sizeof buf);
+  To52(x, ctx.n, buf, lanes);
+  LoadVec<V>(xv, buf);
+  Vec<V> g;
+  Amm<V>(g, xv, rr52, m, m0, k0, lanes);  // x R'
+
+  int ebits = BitLength(e, en);
+  int w = ebits > 671 ? 6 : ebits > 239 ? 5 : ebits > 79 ? 4 : ebits > 23 ? 3 : 1;
+  Vec<V> table[32];
+  table[0] = g;
+  if (w > 1) {
+    AmmVec<V>(g2, g, g, m, m0, k0, lanes);
+    for (int k = 1; k < (1 << (w - 1)); ++k)
+      AmmVec<V>(table[k], table[k - 1], g2, m, m0, k0, lanes);
+  }
+  auto bit = [&](int pos) { return static_cast<int>((e[pos / 64] >> (pos % 64)) & 1); };
+  bool started = false;
+  int i = ebits - 1;
+  if (ebits == 0) {
+    // x^0 = 1: R' mod m in Montgomery form, i.e. AMM(1, R'^2).
+    std::memset(buf, 0, sizeof buf);
+    buf[0] = 1;
+    LoadVec<V>(xv, buf);
+    Amm<V>(acc, xv, rr52, m, m0, k0, lanes);
+    started = true;
+  }
+  while (i >= 0) {
+    if (!bit(i)) {
+      if (started) AmmVec<V>(acc, acc, acc, m, m0, k0, lanes);
+      --i;
+      continue;
+    }
+    int lo = i - w + 1 < 0 ? 0 : i - w + 1;
+    while (!bit(lo)) ++lo;
+    int val = 0;
+    for (int k = i; k >= lo; --k) val = (val << 1) | bit(k);
+    if (started) {
+      for (int k = i; k >= lo; --k) AmmVec<V>(acc, acc, acc, m, m0, k0, lanes);
+      AmmVec<V>(acc, acc, table[val >> 1], m, m0, k0, lanes);
+    } else {
+      acc = table[val >> 1];
+      started = true;
+    }
+    i = lo - 1;
+  }
+  // Out of the Montgomery form, then one conditional subtraction.
+  alignas(64) std::uint64_t one[V * 8] = {};
+  one[0] = 1;
+  Amm<V>(acc, acc, one, m, m0, k0, lanes);
+  for (int v = 0; v < V; ++v) _mm512_store_si512(reinterpret_cast<__m512i*>(buf + 8 * v), acc.v[v]);
+  Limb out[kMaxLimbs + 1];
+  From52(buf, lanes, out, ctx.n + 1);
+  Limb tmp[kMaxLimbs + 1];
+  Limb mm[kMaxLimbs + 1];
+  for (int k = 0; k < ctx.n; ++k) mm[k] = ctx.m[k];
+  mm[ctx.n] = 0;
+  if (!Sub(tmp, out, mm, ctx.n + 1)) {
+    for (int k = 0; k < ctx.n; ++k) out[k] = tmp[k];
+  }
+  for (int k = 0; k < ctx.n; ++k) r[k] = out[k];
+  Wipe(table, sizeof table);
+  Wipe(&acc, sizeof acc);
+  Wipe(&g, sizeof g);
+  Wipe(buf, sizeof buf);
+  Wipe(out, sizeof out);
+  Wipe(tmp, sizeof tmp);
+}
+
+// Two independent products in one loop, so that one's latency hides behind
+// the other's work: the two CRT halves run side by side.
+template <int V>
+__attribute__((target("avx512f,avx512ifma"))) inline void Amm2(Vec<V>* r, const Vec<V>* a,
+                                                               const Vec<V>* b, const Vec<V>* m,
+                                                               const std::uint64_t* m0,
+                                                               const std::uint64_t* k0, int lanes) {
+  alignas(64) std::uint64_t bl[2][V * 8];
+  for (int h = 0; h < 2; ++h) {
+    for (int v = 0; v < V; ++v)
+      _mm512_store_si512(reinterpret_cast<__m512i*>(bl[h] + 8 * v), b[h].v[v]);
+  }
+  __m512i x0[V], x1[V];
+  for (int v = 0; v < V; ++v) x0[v] = x1[v] = _mm512_setzero_si512();
+  const __m512i zero = _mm512_setzero_si512();
+  for (int i = 0; i < lanes; ++i) {
+    const __m512i b0 = _mm512_set1_epi64(static_cast<long long>(bl[0][i]));
+    const __m512i b1 = _mm512_set1_epi64(static_cast<long long>(bl[1][i]));
+    for (int v = 0; v < V; ++v) x0[v] = _mm512_madd52lo_epu64(x0[v], a[0].v[v], b0);
+    for (int v = 0; v < V; ++v) x1[v] = _mm512_madd52lo_epu64(x1[v], a[1].v[v], b1);
+    std::uint64_t l0 = static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm512_castsi512_si128(x0[0])));
+    std::uint64_t l1 = static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm512_castsi512_si128(x1[0])));
+    std::uint64_t q0 = (l0 * k0[0]) & kMask52;
+    std::uint64_t q1 = (l1 * k0[1]) & kMask52;
+    const __m512i mv0 = _mm512_set1_epi64(static_cast<long long>(q0));
+    const __m512i mv1 = _mm512_set1_epi64(static_cast<long long>(q1));
+    for (int v = 0; v < V; ++v) x0[v] = _mm512_madd52lo_epu64(x0[v], m[0].v[v], mv0);
+    for (int v = 0; v < V; ++v) x1[v] = _mm512_madd52lo_epu64(x1[v], m[1].v[v], mv1);
+    std::uint64_t c0 = (l0 + ((q0 * m0[0]) & kMask52)) >> 52;
+    std::uint64_t c1 = (l1 + ((q1 * m0[1]) & kMask52)) >> 52;
+    for (int v = 0; v < V - 1; ++v) x0[v] = _mm512_alignr_epi64(x0[v + 1], x0[v], 1);
+    for (int v = 0; v < V - 1; ++v) x1[v] = _mm512_alignr_epi64(x1[v + 1], x1[v], 1);
+    x0[V - 1] = _mm512_alignr_epi64(zero, x0[V - 1], 1);
+    x1[V - 1] = _mm512_alignr_epi64(zero, x1[V - 1], 1);
+    x0[0] = _mm512_add_epi64(x0[0], _mm512_maskz_set1_epi64(1, static_cast<long long>(c0)));
+    x1[0] = _mm512_add_epi64(x1[0], _mm512_maskz_set1_epi64(1, static_cast<long long>(c1)));
+    for (int v = 0; v < V; ++v) x0[v] = _mm512_madd52hi_epu64(x0[v], a[0].v[v], b0);
+    for (int v = 0; v < V; ++v) x1[v] = _mm512_madd52hi_epu64(x1[v], a[1].v[v], b1);
+    for (int v = 0; v < V; ++v) x0[v] = _mm512_madd52hi_epu64(x0[v], m[0].v[v], mv0);
+    for (int v = 0; v < V; ++v) x1[v] = _mm512_madd52hi_epu64(x1[v], m[1].v[v], mv1);
+  }
+  alignas(64) std::uint64_t t[2][V * 8];
+  for (int v = 0; v < V; ++v) {
+    _mm512_store_si512(reinterpret_cast<__m512i*>(t[0] + 8 * v), x0[v]);
+    _mm512_store_si512(reinterpret_cast<__m512i*>(t[1] + 8 * v), x1[v]);
+  }
+  for (int h = 0; h < 2; ++h) {
+    std::uint64_t c = 0;
+    for (int j = 0; j < V * 8; ++j) {
+      std::uint64_t sum = t[h][j] + c;
+      t[h][j] = sum & kMask52;
+      c = sum >> 52;
+    }
+    for (int v = 0; v < V; ++v)
+      r[h].v[v] = _mm512_load_si512(reinterpret_cast<const __m512i*>(t[h] + 8 * v));
+  }
+}
+
+// Constant-time table read: every entry is touched whatever the index.
+template <int V>
+__attribute__((target("avx512f,avx512ifma"))) inline void Select(Vec<V>& out, const Vec<V>* table,
+                                                                 int count, int index) {
+  for (int v = 0; v < V; ++v) out.v[v] = _mm512_setzero_si512();
+  for (int k = 0; k < count; ++k) {
+    __mmask8 pick = static_cast<__mmask8>(0u - static_cast<unsigned>(k == index));
+    for (int v = 0; v < V; ++v) out.v[v] = _mm512_mask_mov_epi64(out.v[v], pick, table[k].v[v]);
+  }
+}
+
+struct Half {
+  const Mont* ctx;
+  const Limb* x;
+  const Limb* e;
+  int en;
+  Limb* r;
+};
+
+// Both CRT exponentiations with fixed 5-bit windows, side by side.
+template <int V>
+__attribute__((target("avx512f,avx512ifma"))) void CrtExpV(const Half* half, int lanes) {
+  constexpr int kW = 5;
+  constexpr int kEntries = 1 << kW;
+  alignas(64) std::uint64_t buf[V * 8];
+  Vec<V> m[2], one_m[2], acc[2], tmp[2], sel[2];
+  std::uint64_t m0[2], k0[2];
+  static_assert(sizeof(Vec<V>) % 64 == 0, "vector alignment");
+  Vec<V> table[2][kEntries];
+  int ebits = 0;
+  for (int h = 0; h < 2; ++h) {
+    const Mont& ctx = *half[h].ctx;
+    std::memset(buf, 0, sizeof buf);
+    To52(ctx.m, ctx.n, buf, lanes);
+    LoadVec<V>(m[h], buf);
+    m0[h] = buf[0];
+    k0[h] = ctx.n0 & kMask52;
+    Limb pow[2 * kMaxLimbs + 1];
+    const int bits = 104 * lanes;
+    const int pn = bits / 64 + 1;
+    for (int i = 0; i < pn; ++i) pow[i] = 0;
+    pow[bits / 64] = static_cast<Limb>(1) << (bits % 64);
+    Limb rr[kMaxLimbs];
+    DivMod(pow, pn, ctx.m, ctx.n, nullptr, rr);
+    alignas(64) std::uint64_t rr52[V * 8] = {};
+    To52(rr, ctx.n, rr52, lanes);
+    alignas(64) std::uint64_t unit[V * 8] = {};
+    unit[0] = 1;
+    Vec<V> u;
+    LoadVec<V>(u, unit);
+    Amm<V>(table[h][0], u, rr52, m[h], m0[h], k0[h], lanes);  // 1 in Montgomery form
+    one_m[h] = table[h][0];
+    std::memset(buf, 0, sizeof buf);
+    To52(half[h].x, ctx.n, buf, lanes);
+    Vec<V> xv;
+    LoadVec<V>(xv, buf);
+    Amm<V>(table[h][1], xv, rr52, m[h], m0[h], k0[h], lanes);  // x R'
+    int b = BitLength(half[h].e, half[h].en);
+    if (b > ebits) ebits = b;
+  }
+  for (int k = 2; k < kEntries; ++k) {
+    Vec<V> prev[2] = {table[0][k - 1], table[1][k - 1]};
+    Vec<V> g[2] = {table[0][1], table[1][1]};
+    Amm2<V>(tmp, prev, g, m, m0, k0, lanes);
+    table[0][k] = tmp[0];
+    table[1][k] = tmp[1];
+  }
+  auto window = [&](int h, int pos) {
+    int val = 0;
+    for (int k = pos + kW - 1; k >= pos; --k) {
+      int bit = 0;
+      if (k < 64 * half[h].en) bit = static_cast<int>((half[h].e[k / 64] >> (k % 64)) & 1);
+      val = (val << 1) | bit;
+    }
+    return val;
+  };
+  int pos = ebits == 0 ? 0 : ((ebits - 1) / kW) * kW;
+  acc[0] = one_m[0];
+  acc[1] = one_m[1];
+  for (; pos >= 0; pos -= kW) {
+    for (int s = 0; s < kW; ++s) {
+      Vec<V> cur[2] = {acc[0], acc[1]};
+      Amm2<V>(acc, cur, cur, m, m0, k0, lanes);
+    }
+    Select<V>(sel[0], table[0], kEntries, window(0, pos));
+    Select<V>(sel[1], table[1], kEntries, window(1, pos));
+    Vec<V> cur[2] = {acc[0], acc[1]};
+    Amm2<V>(acc, cur, sel, m, m0, k0, lanes);
+  }
+  for (int h = 0; h < 2; ++h) {
+    const Mont& ctx = *half[h].ctx;
+    alignas(64) std::uint64_t unit[V * 8] = {};
+    unit[0] = 1;
+    Amm<V>(acc[h], acc[h], unit, m[h], m0[h], k0[h], lanes);
+    for (int v = 0; v < V; ++v)
+      _mm512_store_si512(reinterpret_cast<__m512i*>(buf + 8 * v), acc[h].v[v]);
+    Limb out[kMaxLimbs + 1], t[kMaxLimbs + 1], mm[kMaxLimbs + 1];
+    From52(buf, lanes, out, ctx.n + 1);
+    for (int k = 0; k < ctx.n; ++k) mm[k] = ctx.m[k];
+    mm[ctx.n] = 0;
+    if (!Sub(t, out, mm, ctx.n + 1)) {
+      for (int k = 0; k < ctx.n; ++k) out[k] = t[k];
+    }
+    for (int k = 0; k < ctx.n; ++k) half[h].r[k] = out[k];
+    Wipe(out, sizeof out);
+    Wipe(t, sizeof t);
+  }
+  Wipe(table, sizeof table);
+  Wipe(acc, sizeof acc);
+  Wipe(sel, sizeof sel);
+  Wipe(tmp, sizeof tmp);
+  Wipe(buf, sizeof buf);
+}
+
+}  // namespace
+
+bool IfmaModExp(const Mont& ctx, Limb* r, const Limb* x, const Limb* e, int en) {
+  if (!CpuHasIfma() || !kv::internal::AccelerationAllowed()) return false;
+  // Lanes of 52 bits with 2^(52 lanes) > 4 m.
+  int lanes = (64 * ctx.n + 2 + 51) / 52;
+  if (lanes > kMaxL52) return false;
+  switch ((lanes + 7) / 8) {
+    case 2:
+      ExpV<2>(ctx, r, x, e, en, lanes);
+      return true;
+    case 3:
+      ExpV<3>(ctx, r, x, e, en, lanes);
+      return true;
+    case 4:
+      ExpV<4>(ctx, r, x, e, en, lanes);
+      return true;
+    case 5:
+      ExpV<5>(ctx, r, x, e, en, lanes);
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool IfmaCrtExp(const Mont& p, Limb* rp, const Limb* xp, const Limb* ep, int epn, const Mont& q,
+                Limb* rq, const Limb* xq, const Limb* eq, int eqn) {
+  if (!CpuHasIfma() || !kv::internal::AccelerationAllowed()) return false;
+  if (p.n != q.n) return false;
+  int lanes = (64 * p.n + 2 + 51) / 52;
+  if (lanes > kMaxL52) return false;
+  const Half half[2] = {{&p, xp, ep, epn, rp}, {&q, xq, eq, eqn, rq}};
+  switch ((lanes + 7) / 8) {
+    case 2:
+      CrtExpV<2>(half, lanes);
+      return true;
+    case 3:
+      CrtExpV<3>(half, lanes);
+      return true;
+    case 4:
+      CrtExpV<4>(half, lanes);
+      return true;
+    case 5:
+      CrtExpV<5>(half, lanes);
+      return true;
+    default:
+      return false;
+  }
+}
+
+#else
+
+bool IfmaModExp(const Mont&, Limb*, const Limb*, const Limb*, int) {
+  return false;
+}
+bool IfmaCrtExp(const Mont&, Limb*, const Limb*, const Limb*, int, const Mont&, Limb*, const Limb*,
+                const Limb*, int) {
+  return false;
+}
+
+#endif
+
+}  // namespace rsabn
+}  // namespace kv
