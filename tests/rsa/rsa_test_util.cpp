@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <fstream>
 
 #include "crypto/internal/rsa_internal.h"
 
@@ -97,6 +98,70 @@ int FixedPadding::Fill(void* arg, unsigned char* buf, unsigned int len) {
   std::memcpy(buf, self->bytes_.data() + self->pos_, len);
   self->pos_ += len;
   return 0;
+}
+
+std::vector<KeyVectors> ReadVectors(const std::string& path) {
+  std::ifstream in(path);
+  EXPECT_TRUE(in) << path;
+  std::vector<KeyVectors> keys;
+  Bytes* target = nullptr;
+  bool in_private = false;
+  std::string line;
+  int lineno = 0;
+  auto label_is = [](const std::string& l, const char* name) {
+    return l == std::string("# ") + name + ":";
+  };
+  while (std::getline(in, line)) {
+    ++lineno;
+    while (!line.empty() && (line.back() == ' ' || line.back() == '\r')) line.pop_back();
+    if (line.rfind("#", 0) != 0) {
+      if (target && !line.empty()) {
+        Bytes b = rsatest::Unhex(line);
+        target->insert(target->end(), b.begin(), b.end());
+      }
+      continue;
+    }
+    target = nullptr;
+    if (line.rfind("# Example ", 0) == 0 && line.find("key pair") != std::string::npos) {
+      keys.emplace_back();
+      keys.back().title = line.substr(2);
+      in_private = false;
+      continue;
+    }
+    if (keys.empty()) continue;
+    KeyVectors& kv = keys.back();
+    auto& part = kv.key.part;
+    if (line == "# Private key") {
+      in_private = true;
+    } else if (label_is(line, "Modulus")) {
+      part[KV_RSA_MODULUS].clear();
+      target = &part[KV_RSA_MODULUS];
+    } else if (label_is(line, "Public exponent") || (!in_private && label_is(line, "Exponent"))) {
+      part[KV_RSA_PUBLIC_EXPONENT].clear();
+      target = &part[KV_RSA_PUBLIC_EXPONENT];
+    } else if (label_is(line, "Exponent")) {
+      target = &part[KV_RSA_PRIVATE_EXPONENT];
+    } else if (label_is(line, "Prime 1")) {
+      target = &part[KV_RSA_PRIME1];
+    } else if (label_is(line, "Prime 2")) {
+      target = &part[KV_RSA_PRIME2];
+    } else if (label_is(line, "Prime exponent 1")) {
+      target = &part[KV_RSA_EXPONENT1];
+    } else if (label_is(line, "Prime exponent 2")) {
+      target = &part[KV_RSA_EXPONENT2];
+    } else if (label_is(line, "Coefficient")) {
+      target = &part[KV_RSA_COEFFICIENT];
+    } else if (label_is(line, "Message") || label_is(line, "Message to be signed")) {
+      kv.cases.emplace_back();
+      kv.cases.back().line = lineno;
+      target = &kv.cases.back().message;
+    } else if (label_is(line, "Seed") && !kv.cases.empty()) {
+      target = &kv.cases.back().seed;
+    } else if ((label_is(line, "Encryption") || label_is(line, "Signature")) && !kv.cases.empty()) {
+      target = &kv.cases.back().result;
+    }
+  }
+  return keys;
 }
 
 }  // namespace rsatest

@@ -22,6 +22,22 @@ struct Key {
   int Bits() const;
 };
 
+struct Case {
+  Bytes message, seed, result;
+  int line = 0;
+};
+
+struct KeyVectors {
+  Key key;
+  std::string title;
+  std::vector<Case> cases;
+};
+
+// Reads a file in the layout of the PKCS#1 vector files: "# Label:" lines
+// followed by lines of hex; "# Example N: ... key pair" starts a key,
+// "# Private key" its private half, and each "# Message..." a case.
+std::vector<KeyVectors> ReadVectors(const std::string& path);
+
 Key FromBlock(const KV_RSA_COMPONENT* block);
 Bytes Unhex(const std::string& hex);
 std::string Hex(const Bytes& b);
