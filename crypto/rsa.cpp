@@ -503,6 +503,8 @@ int KV_RSA_Encrypt(KV_RSA_CTX* ctx, const unsigned char* in, unsigned char* out,
   if (rc == 0) {
     std::memcpy(out, em, k);
     *outLen = k;
+  } else if (rc == kErrResult) {
+    std::memset(out, 0, k);  // a faulty private result must not reach the caller
   }
   bn::Wipe(em, k);
   return rc;
@@ -561,6 +563,7 @@ int KV_RSA_PrivateBlock(KV_RSA_CTX* ctx, const unsigned char* in, unsigned int i
   std::uint8_t tmp[KV_RSA_MAX_MODULUS_BYTES];
   int rc = kv::rsa_internal::PrivateOp(ctx, in, tmp);
   if (rc == 0) std::memcpy(out, tmp, ctx->k);
+  if (rc == kErrResult) std::memset(out, 0, ctx->k);
   bn::Wipe(tmp, ctx->k);
   return rc;
 }
@@ -579,6 +582,8 @@ int KV_RSA_SignDigest(KV_RSA_CTX* ctx, int digestKind, const unsigned char* dige
   if (rc == 0) {
     std::memcpy(sig, em, ctx->k);
     *sigLen = ctx->k;
+  } else if (rc == kErrResult) {
+    std::memset(sig, 0, ctx->k);
   }
   bn::Wipe(em, ctx->k);
   return rc;

@@ -319,15 +319,19 @@ TEST(RsaOaep, LimitsParameterAndFailures) {
 TEST(RsaPrivateOperation, FaultIsCaughtByTheCheck) {
   auto priv = Key1024().LoadPrivate();
   // Corrupt dP after loading, as a computation fault would: the result no
-  // longer matches the public operation and nothing is written.
+  // longer matches the public operation and the output is wiped.
   priv->dp.d[0] ^= 4;
-  Bytes in(128, 0x17), out(128, 0xaa);
+  Bytes in(128, 0x17), out(128, 0xaa), digest(20, 1);
   in[0] = 0;
   unsigned int len = 0;
   EXPECT_EQ(-12, KV_RSA_PrivateBlock(priv.get(), in.data(), 128, out.data(), &len));
-  EXPECT_EQ(Bytes(128, 0xaa), out);
+  EXPECT_EQ(Bytes(128, 0), out);
+  out.assign(128, 0xaa);
   EXPECT_EQ(-12, KV_RSA_Encrypt(priv.get(), in.data(), out.data(), 20, &len));
-  EXPECT_EQ(Bytes(128, 0xaa), out);
+  EXPECT_EQ(Bytes(128, 0), out);
+  out.assign(128, 0xaa);
+  EXPECT_EQ(-12, KV_RSA_SignDigest(priv.get(), KV_RSA_SHA1, digest.data(), 20, out.data(), &len));
+  EXPECT_EQ(Bytes(128, 0), out);
 }
 
 // Generated keys: sizes, exponent, consistency and use.
