@@ -153,7 +153,7 @@ void PublicExp(const KV_RSA_CTX& c, const Limb* x, Limb* r) {
     bn::MontMul(m, a, a, xm);
     bn::FromMont(m, r, a);
   } else {
-    bn::ModExp(m, r, x, m.n, c.e.d, c.e.n);
+    bn::ModExp(m, r, x, m.n, c.e.d, c.e.n, false);
   }
 }
 
@@ -163,19 +163,13 @@ void CrtExp(const KV_RSA_CTX& c, const Limb* x, Limb* r) {
   Limb xp[kMaxLimbs], xq[kMaxLimbs], m1[kMaxLimbs], m2[kMaxLimbs], t[kMaxLimbs];
   bn::DivMod(x, nn, c.p.d, pn, nullptr, xp);
   bn::DivMod(x, nn, c.q.d, qn, nullptr, xq);
-  // The IFMA unit runs both halves together when it can; otherwise each half
-  // goes to the 64-bit Montgomery code.
   if (!bn::IfmaCrtExp(c.mp, m1, xp, c.dp.d, c.dp.n, c.mq, m2, xq, c.dq.d, c.dq.n)) {
-    if (!bn::IfmaModExp(c.mp, m1, xp, c.dp.d, c.dp.n)) {
-      bn::ToMont(c.mp, t, xp);
-      bn::MontExp(c.mp, t, t, c.dp.d, c.dp.n);
-      bn::FromMont(c.mp, m1, t);
-    }
-    if (!bn::IfmaModExp(c.mq, m2, xq, c.dq.d, c.dq.n)) {
-      bn::ToMont(c.mq, t, xq);
-      bn::MontExp(c.mq, t, t, c.dq.d, c.dq.n);
-      bn::FromMont(c.mq, m2, t);
-    }
+    bn::ToMont(c.mp, t, xp);
+    bn::MontExpSecret(c.mp, t, t, c.dp.d, c.dp.n);
+    bn::FromMont(c.mp, m1, t);
+    bn::ToMont(c.mq, t, xq);
+    bn::MontExpSecret(c.mq, t, t, c.dq.d, c.dq.n);
+    bn::FromMont(c.mq, m2, t);
   }
   // h = (m1 - m2) qInv mod p
   Limb m2p[kMaxLimbs];
@@ -224,8 +218,8 @@ int InitBlinding(KV_RSA_CTX& c) {
     SubWord(c.p, 2, pm2);
     SubWord(c.q, 2, qm2);
     Limb ip[kMaxLimbs], iq[kMaxLimbs];
-    bn::ModExp(c.mp, ip, r, nn, pm2.d, pm2.n);
-    bn::ModExp(c.mq, iq, r, nn, qm2.d, qm2.n);
+    bn::ModExp(c.mp, ip, r, nn, pm2.d, pm2.n, true);
+    bn::ModExp(c.mq, iq, r, nn, qm2.d, qm2.n, true);
     Limb iqp[kMaxLimbs], diff[kMaxLimbs], h[kMaxLimbs];
     bn::DivMod(iq, qn, c.p.d, pn, nullptr, iqp);
     if (bn::Sub(diff, ip, iqp, pn)) bn::Add(diff, diff, c.p.d, pn);

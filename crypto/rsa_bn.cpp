@@ -672,13 +672,52 @@ void MontExp(const Mont& ctx, Limb* r, const Limb* g, const Limb* e, int en) {
   Wipe(table, sizeof(Limb) * kMaxLimbs * (1u << (w - 1)));
 }
 
-void ModExp(const Mont& ctx, Limb* r, const Limb* a, int an, const Limb* e, int en) {
+void MontExpSecret(const Mont& ctx, Limb* r, const Limb* g, const Limb* e, int en) {
+  constexpr int kW = 5;
+  constexpr int kEntries = 1 << kW;
+  const int n = ctx.n;
+  Limb table[kEntries][kMaxLimbs];
+  for (int i = 0; i < n; ++i) {
+    table[0][i] = ctx.one[i];
+    table[1][i] = g[i];
+  }
+  for (int k = 2; k < kEntries; ++k) MontMul(ctx, table[k], table[k - 1], g);
+  const int bits = 64 * en;
+  Limb acc[kMaxLimbs], sel[kMaxLimbs];
+  for (int i = 0; i < n; ++i) acc[i] = ctx.one[i];
+  for (int pos = ((bits - 1) / kW) * kW; pos >= 0; pos -= kW) {
+    for (int s = 0; s < kW; ++s) MontSqr(ctx, acc, acc);
+    Limb idx = 0;
+    for (int k = pos + kW - 1; k >= pos; --k) {
+      Limb bit = k < bits ? (e[k / 64] >> (k % 64)) & 1 : 0;
+      idx = (idx << 1) | bit;
+    }
+    // Read every entry so that the access pattern does not depend on idx.
+    for (int i = 0; i < n; ++i) sel[i] = 0;
+    for (int k = 0; k < kEntries; ++k) {
+      Limb diff = static_cast<Limb>(k) ^ idx;
+      Limb mask = ((diff | (0 - diff)) >> 63) - 1;  // all ones when k == idx
+      for (int i = 0; i < n; ++i) sel[i] |= table[k][i] & mask;
+    }
+    MontMul(ctx, acc, acc, sel);
+  }
+  for (int i = 0; i < n; ++i) r[i] = acc[i];
+  Wipe(table, sizeof table);
+  Wipe(acc, sizeof acc);
+  Wipe(sel, sizeof sel);
+}
+
+void ModExp(const Mont& ctx, Limb* r, const Limb* a, int an, const Limb* e, int en, bool secret) {
   Limb red[kMaxLimbs];
   DivMod(a, an, ctx.m, ctx.n, nullptr, red);
   Limb gm[kMaxLimbs];
   ToMont(ctx, gm, red);
   Limb out[kMaxLimbs];
-  MontExp(ctx, out, gm, e, en);
+  if (secret) {
+    MontExpSecret(ctx, out, gm, e, en);
+  } else {
+    MontExp(ctx, out, gm, e, en);
+  }
   FromMont(ctx, r, out);
   Wipe(red, sizeof red);
   Wipe(gm, sizeof gm);

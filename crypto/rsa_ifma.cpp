@@ -1,7 +1,7 @@
-// Modular exponentiation on AVX-512 IFMA: numbers in 52-bit limbs, eight to a
+// The CRT exponentiations on AVX-512 IFMA: numbers in 52-bit limbs, eight to a
 // vector register, multiplied by almost-Montgomery multiplication (results
-// below twice the modulus, reduced once at the end). Used for the CRT halves
-// when the processor has IFMA; the 64-bit path serves everything else.
+// below twice the modulus, reduced once at the end), the two halves side by
+// side. Used when the processor has IFMA; the 64-bit path serves the rest.
 #include "crypto/internal/rsa_ifma.h"
 
 #include <cstring>
@@ -116,104 +116,6 @@ __attribute__((target("avx512f,avx512ifma"))) inline void Amm(Vec<V>& r, const V
   }
   for (int v = 0; v < V; ++v)
     r.v[v] = _mm512_load_si512(reinterpret_cast<const __m512i*>(t + 8 * v));
-}
-
-template <int V>
-__attribute__((target("avx512f,avx512ifma"))) inline void AmmVec(Vec<V>& r, const Vec<V>& a,
-                                                                 const Vec<V>& b, const Vec<V>& m,
-                                                                 std::uint64_t m0, std::uint64_t k0,
-                                                                 int lanes) {
-  alignas(64) std::uint64_t bl[V * 8];
-  for (int v = 0; v < V; ++v) _mm512_store_si512(reinterpret_cast<__m512i*>(bl + 8 * v), b.v[v]);
-  Amm<V>(r, a, bl, m, m0, k0, lanes);
-}
-
-template <int V>
-__attribute__((target("avx512f,avx512ifma"))) void ExpV(const Mont& ctx, Limb* r, const Limb* x,
-                                                        const Limb* e, int en, int lanes) {
-  alignas(64) std::uint64_t buf[V * 8];
-  Vec<V> m, xv, acc, g2;
-  std::memset(buf, 0, sizeof buf);
-  To52(ctx.m, ctx.n, buf, lanes);
-  LoadVec<V>(m, buf);
-  const std::uint64_t m0 = buf[0];
-  const std::uint64_t k0 = ctx.n0 & kMask52;
-  // R'^2 mod m with R' = 2^(52 lanes), by long division of a power of two.
-  Limb pow[2 * kMaxLimbs + 1];
-  const int bits = 104 * lanes;
-  const int pn = bits / 64 + 1;
-  for (int i = 0; i < pn; ++i) pow[i] = 0;
-  pow[bits / 64] = static_cast<Limb>(1) << (bits % 64);
-  Limb rr[kMaxLimbs];
-  DivMod(pow, pn, ctx.m, ctx.n, nullptr, rr);
-  alignas(64) std::uint64_t rr52[V * 8] = {};
-  To52(rr, ctx.n, rr52, lanes);
-  std::memset(buf, 0, sizeof buf);
-  To52(x, ctx.n, buf, lanes);
-  LoadVec<V>(xv, buf);
-  Vec<V> g;
-  Amm<V>(g, xv, rr52, m, m0, k0, lanes);  // x R'
-
-  int ebits = BitLength(e, en);
-  int w = ebits > 671 ? 6 : ebits > 239 ? 5 : ebits > 79 ? 4 : ebits > 23 ? 3 : 1;
-  Vec<V> table[32];
-  table[0] = g;
-  if (w > 1) {
-    AmmVec<V>(g2, g, g, m, m0, k0, lanes);
-    for (int k = 1; k < (1 << (w - 1)); ++k)
-      AmmVec<V>(table[k], table[k - 1], g2, m, m0, k0, lanes);
-  }
-  auto bit = [&](int pos) { return static_cast<int>((e[pos / 64] >> (pos % 64)) & 1); };
-  bool started = false;
-  int i = ebits - 1;
-  if (ebits == 0) {
-    // x^0 = 1: R' mod m in Montgomery form, i.e. AMM(1, R'^2).
-    std::memset(buf, 0, sizeof buf);
-    buf[0] = 1;
-    LoadVec<V>(xv, buf);
-    Amm<V>(acc, xv, rr52, m, m0, k0, lanes);
-    started = true;
-  }
-  while (i >= 0) {
-    if (!bit(i)) {
-      if (started) AmmVec<V>(acc, acc, acc, m, m0, k0, lanes);
-      --i;
-      continue;
-    }
-    int lo = i - w + 1 < 0 ? 0 : i - w + 1;
-    while (!bit(lo)) ++lo;
-    int val = 0;
-    for (int k = i; k >= lo; --k) val = (val << 1) | bit(k);
-    if (started) {
-      for (int k = i; k >= lo; --k) AmmVec<V>(acc, acc, acc, m, m0, k0, lanes);
-      AmmVec<V>(acc, acc, table[val >> 1], m, m0, k0, lanes);
-    } else {
-      acc = table[val >> 1];
-      started = true;
-    }
-    i = lo - 1;
-  }
-  // Out of the Montgomery form, then one conditional subtraction.
-  alignas(64) std::uint64_t one[V * 8] = {};
-  one[0] = 1;
-  Amm<V>(acc, acc, one, m, m0, k0, lanes);
-  for (int v = 0; v < V; ++v) _mm512_store_si512(reinterpret_cast<__m512i*>(buf + 8 * v), acc.v[v]);
-  Limb out[kMaxLimbs + 1];
-  From52(buf, lanes, out, ctx.n + 1);
-  Limb tmp[kMaxLimbs + 1];
-  Limb mm[kMaxLimbs + 1];
-  for (int k = 0; k < ctx.n; ++k) mm[k] = ctx.m[k];
-  mm[ctx.n] = 0;
-  if (!Sub(tmp, out, mm, ctx.n + 1)) {
-    for (int k = 0; k < ctx.n; ++k) out[k] = tmp[k];
-  }
-  for (int k = 0; k < ctx.n; ++k) r[k] = out[k];
-  Wipe(table, sizeof table);
-  Wipe(&acc, sizeof acc);
-  Wipe(&g, sizeof g);
-  Wipe(buf, sizeof buf);
-  Wipe(out, sizeof out);
-  Wipe(tmp, sizeof tmp);
 }
 
 // Two independent products in one loop, so that one's latency hides behind
@@ -390,29 +292,6 @@ __attribute__((target("avx512f,avx512ifma"))) void CrtExpV(const Half* half, int
 
 }  // namespace
 
-bool IfmaModExp(const Mont& ctx, Limb* r, const Limb* x, const Limb* e, int en) {
-  if (!CpuHasIfma() || !kv::internal::AccelerationAllowed()) return false;
-  // Lanes of 52 bits with 2^(52 lanes) > 4 m.
-  int lanes = (64 * ctx.n + 2 + 51) / 52;
-  if (lanes > kMaxL52) return false;
-  switch ((lanes + 7) / 8) {
-    case 2:
-      ExpV<2>(ctx, r, x, e, en, lanes);
-      return true;
-    case 3:
-      ExpV<3>(ctx, r, x, e, en, lanes);
-      return true;
-    case 4:
-      ExpV<4>(ctx, r, x, e, en, lanes);
-      return true;
-    case 5:
-      ExpV<5>(ctx, r, x, e, en, lanes);
-      return true;
-    default:
-      return false;
-  }
-}
-
 bool IfmaCrtExp(const Mont& p, Limb* rp, const Limb* xp, const Limb* ep, int epn, const Mont& q,
                 Limb* rq, const Limb* xq, const Limb* eq, int eqn) {
   if (!CpuHasIfma() || !kv::internal::AccelerationAllowed()) return false;
@@ -440,9 +319,6 @@ bool IfmaCrtExp(const Mont& p, Limb* rp, const Limb* xp, const Limb* ep, int epn
 
 #else
 
-bool IfmaModExp(const Mont&, Limb*, const Limb*, const Limb*, int) {
-  return false;
-}
 bool IfmaCrtExp(const Mont&, Limb*, const Limb*, const Limb*, int, const Mont&, Limb*, const Limb*,
                 const Limb*, int) {
   return false;

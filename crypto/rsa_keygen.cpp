@@ -259,7 +259,7 @@ bool Derive(KeyNums& key) {
   if (!bn::MontInit(mp, key.p)) return false;
   Num pm2;
   SubOne(pm1, pm2);
-  bn::ModExp(mp, key.qinv.d, key.q.d, key.q.n, pm2.d, pm2.n);
+  bn::ModExp(mp, key.qinv.d, key.q.d, key.q.n, pm2.d, pm2.n, true);
   key.qinv.n = bn::Normalize(key.qinv.d, mp.n);
   bn::Wipe(phi, sizeof phi);
   bn::Wipe(t, sizeof t);

@@ -78,9 +78,13 @@ void ToMont(const Mont& ctx, Limb* r, const Limb* a);
 void FromMont(const Mont& ctx, Limb* r, const Limb* a);
 // r = g^e in Montgomery form, g given in Montgomery form, by sliding windows.
 void MontExp(const Mont& ctx, Limb* r, const Limb* g, const Limb* e, int en);
+// The same for secret exponents: fixed 5-bit windows and a table read that
+// touches every entry, so neither the sequence of operations nor the memory
+// accessed depends on the exponent's bits (only on its limb count).
+void MontExpSecret(const Mont& ctx, Limb* r, const Limb* g, const Limb* e, int en);
 // r = a^e mod m for an ordinary a (any limb count, reduced first) and result of
-// ctx.n limbs.
-void ModExp(const Mont& ctx, Limb* r, const Limb* a, int an, const Limb* e, int en);
+// ctx.n limbs; `secret` selects MontExpSecret.
+void ModExp(const Mont& ctx, Limb* r, const Limb* a, int an, const Limb* e, int en, bool secret);
 
 }  // namespace rsabn
 }  // namespace kv
