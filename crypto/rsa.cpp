@@ -1,15 +1,17 @@
 // RSA engine: key loading and its consistency check, the raw public and
 // private operations (CRT, blinded, verified), PKCS#1 v1.5 blocks, v1.5
 // signatures over digests and the message table.
+#if defined(_WIN32)
+#define _CRT_RAND_S  // declares rand_s; must precede every C library header
+#include <stdlib.h>
+#endif
+
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <new>
 
-#if defined(_WIN32)
-#define _CRT_RAND_S
-#include <stdlib.h>
-#elif defined(__linux__)
+#if defined(__linux__)
 #include <errno.h>
 #include <sys/random.h>
 #endif
