@@ -200,8 +200,10 @@ void SetWord(Num& dst, Limb w) {
 }
 
 void Wipe(void* p, std::size_t len) {
-  volatile unsigned char* v = static_cast<volatile unsigned char*>(p);
-  while (len--) *v++ = 0;
+  std::memset(p, 0, len);
+  // The empty statement that "reads" p keeps the compiler from dropping the
+  // stores to storage that is about to die.
+  __asm__ __volatile__("" : : "r"(p) : "memory");
 }
 
 // ---- Montgomery arithmetic ----

@@ -1,5 +1,6 @@
-// The CRT exponentiations on AVX-512 IFMA: numbers in 52-bit limbs, eight to a
-// vector register, multiplied by almost-Montgomery multiplication (results
+// The CRT exponentiations on AVX-512 IFMA: numbers in 52-bit limbs, four to a
+// 256-bit register (a 1024-bit prime fills five exactly, where 512-bit
+// registers would carry four idle lanes), multiplied by almost-Montgomery multiplication (results
 // below twice the modulus, reduced once at the end), the two halves side by
 // side. Used when the processor has IFMA; the 64-bit path serves the rest.
 #include "crypto/internal/rsa_ifma.h"
@@ -26,8 +27,8 @@ namespace rsabn {
 namespace {
 
 constexpr std::uint64_t kMask52 = (static_cast<std::uint64_t>(1) << 52) - 1;
-constexpr int kMaxVec = 5;  // 40 limbs of 52 bits: moduli up to 2048 bits
-constexpr int kMaxL52 = kMaxVec * 8;
+constexpr int kMaxVec = 10;  // 40 limbs of 52 bits: moduli up to 2048 bits
+constexpr int kMaxL52 = kMaxVec * 4;
 
 bool CpuHasIfma() {
   static const bool has = [] {
@@ -40,7 +41,7 @@ bool CpuHasIfma() {
     __asm__("xgetbv" : "=a"(lo), "=d"(hi) : "c"(0));
     if ((lo & 0xe6) != 0xe6) return false;
     if (!__get_cpuid_count(7, 0, &a, &b, &c, &d)) return false;
-    return ((b >> 16) & 1) && ((b >> 21) & 1);  // AVX512F and AVX512IFMA
+    return ((b >> 16) & 1) && ((b >> 21) & 1) && ((b >> 31) & 1);  // AVX512F, IFMA, VL
   }();
   return has;
 }
@@ -69,121 +70,120 @@ void From52(const std::uint64_t* in, int lanes, Limb* a, int n) {
 
 template <int V>
 struct Vec {
-  __m512i v[V];
+  __m256i v[V];
 };
 
 template <int V>
-__attribute__((target("avx512f,avx512ifma"))) inline void LoadVec(Vec<V>& dst,
-                                                                  const std::uint64_t* src) {
+__attribute__((target("avx512f,avx512vl,avx512ifma"))) inline void LoadVec(
+    Vec<V>& dst, const std::uint64_t* src) {
   for (int v = 0; v < V; ++v)
-    dst.v[v] = _mm512_load_si512(reinterpret_cast<const __m512i*>(src + 8 * v));
+    dst.v[v] = _mm256_load_si256(reinterpret_cast<const __m256i*>(src + 4 * v));
 }
 
 // r = a * b / 2^(52 L) modulo m, not fully reduced: inputs below 2m give a
 // result below 2m since 2^(52 L) > 4m. All operands are normalised to 52 bits
 // per lane.
 template <int V>
-__attribute__((target("avx512f,avx512ifma"))) inline void Amm(Vec<V>& r, const Vec<V>& a,
-                                                              const std::uint64_t* b,
-                                                              const Vec<V>& m, std::uint64_t m0,
-                                                              std::uint64_t k0, int lanes) {
-  __m512i x[V];
-  for (int v = 0; v < V; ++v) x[v] = _mm512_setzero_si512();
-  const __m512i zero = _mm512_setzero_si512();
+__attribute__((target("avx512f,avx512vl,avx512ifma"))) inline void Amm(
+    Vec<V>& r, const Vec<V>& a, const std::uint64_t* b, const Vec<V>& m, std::uint64_t m0,
+    std::uint64_t k0, int lanes) {
+  __m256i x[V];
+  for (int v = 0; v < V; ++v) x[v] = _mm256_setzero_si256();
+  const __m256i zero = _mm256_setzero_si256();
   for (int i = 0; i < lanes; ++i) {
-    const __m512i bi = _mm512_set1_epi64(static_cast<long long>(b[i]));
-    for (int v = 0; v < V; ++v) x[v] = _mm512_madd52lo_epu64(x[v], a.v[v], bi);
-    std::uint64_t x0 = static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm512_castsi512_si128(x[0])));
+    const __m256i bi = _mm256_set1_epi64x(static_cast<long long>(b[i]));
+    for (int v = 0; v < V; ++v) x[v] = _mm256_madd52lo_epu64(x[v], a.v[v], bi);
+    std::uint64_t x0 = static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm256_castsi256_si128(x[0])));
     std::uint64_t mq = (x0 * k0) & kMask52;
-    const __m512i mv = _mm512_set1_epi64(static_cast<long long>(mq));
-    for (int v = 0; v < V; ++v) x[v] = _mm512_madd52lo_epu64(x[v], m.v[v], mv);
+    const __m256i mv = _mm256_set1_epi64x(static_cast<long long>(mq));
+    for (int v = 0; v < V; ++v) x[v] = _mm256_madd52lo_epu64(x[v], m.v[v], mv);
     // Lane 0 is now a multiple of 2^52; its carry moves to the next lane.
     std::uint64_t carry = (x0 + ((mq * m0) & kMask52)) >> 52;
-    for (int v = 0; v < V - 1; ++v) x[v] = _mm512_alignr_epi64(x[v + 1], x[v], 1);
-    x[V - 1] = _mm512_alignr_epi64(zero, x[V - 1], 1);
-    x[0] = _mm512_add_epi64(x[0], _mm512_maskz_set1_epi64(1, static_cast<long long>(carry)));
-    for (int v = 0; v < V; ++v) x[v] = _mm512_madd52hi_epu64(x[v], a.v[v], bi);
-    for (int v = 0; v < V; ++v) x[v] = _mm512_madd52hi_epu64(x[v], m.v[v], mv);
+    for (int v = 0; v < V - 1; ++v) x[v] = _mm256_alignr_epi64(x[v + 1], x[v], 1);
+    x[V - 1] = _mm256_alignr_epi64(zero, x[V - 1], 1);
+    x[0] = _mm256_add_epi64(x[0], _mm256_maskz_set1_epi64(1, static_cast<long long>(carry)));
+    for (int v = 0; v < V; ++v) x[v] = _mm256_madd52hi_epu64(x[v], a.v[v], bi);
+    for (int v = 0; v < V; ++v) x[v] = _mm256_madd52hi_epu64(x[v], m.v[v], mv);
   }
   // Normalise the lanes to 52 bits.
-  alignas(64) std::uint64_t t[V * 8];
-  for (int v = 0; v < V; ++v) _mm512_store_si512(reinterpret_cast<__m512i*>(t + 8 * v), x[v]);
+  alignas(32) std::uint64_t t[V * 4];
+  for (int v = 0; v < V; ++v) _mm256_store_si256(reinterpret_cast<__m256i*>(t + 4 * v), x[v]);
   std::uint64_t c = 0;
-  for (int j = 0; j < V * 8; ++j) {
+  for (int j = 0; j < V * 4; ++j) {
     std::uint64_t s = t[j] + c;
     t[j] = s & kMask52;
     c = s >> 52;
   }
   for (int v = 0; v < V; ++v)
-    r.v[v] = _mm512_load_si512(reinterpret_cast<const __m512i*>(t + 8 * v));
+    r.v[v] = _mm256_load_si256(reinterpret_cast<const __m256i*>(t + 4 * v));
 }
 
 // Two independent products in one loop, so that one's latency hides behind
 // the other's work: the two CRT halves run side by side.
 template <int V>
-__attribute__((target("avx512f,avx512ifma"))) inline void Amm2(Vec<V>* r, const Vec<V>* a,
-                                                               const Vec<V>* b, const Vec<V>* m,
-                                                               const std::uint64_t* m0,
-                                                               const std::uint64_t* k0, int lanes) {
-  alignas(64) std::uint64_t bl[2][V * 8];
+__attribute__((target("avx512f,avx512vl,avx512ifma"))) inline void Amm2(
+    Vec<V>* r, const Vec<V>* a, const Vec<V>* b, const Vec<V>* m, const std::uint64_t* m0,
+    const std::uint64_t* k0, int lanes) {
+  alignas(32) std::uint64_t bl[2][V * 4];
   for (int h = 0; h < 2; ++h) {
     for (int v = 0; v < V; ++v)
-      _mm512_store_si512(reinterpret_cast<__m512i*>(bl[h] + 8 * v), b[h].v[v]);
+      _mm256_store_si256(reinterpret_cast<__m256i*>(bl[h] + 4 * v), b[h].v[v]);
   }
-  __m512i x0[V], x1[V];
-  for (int v = 0; v < V; ++v) x0[v] = x1[v] = _mm512_setzero_si512();
-  const __m512i zero = _mm512_setzero_si512();
+  __m256i x0[V], x1[V];
+  for (int v = 0; v < V; ++v) x0[v] = x1[v] = _mm256_setzero_si256();
+  const __m256i zero = _mm256_setzero_si256();
   for (int i = 0; i < lanes; ++i) {
-    const __m512i b0 = _mm512_set1_epi64(static_cast<long long>(bl[0][i]));
-    const __m512i b1 = _mm512_set1_epi64(static_cast<long long>(bl[1][i]));
-    for (int v = 0; v < V; ++v) x0[v] = _mm512_madd52lo_epu64(x0[v], a[0].v[v], b0);
-    for (int v = 0; v < V; ++v) x1[v] = _mm512_madd52lo_epu64(x1[v], a[1].v[v], b1);
-    std::uint64_t l0 = static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm512_castsi512_si128(x0[0])));
-    std::uint64_t l1 = static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm512_castsi512_si128(x1[0])));
+    const __m256i b0 = _mm256_set1_epi64x(static_cast<long long>(bl[0][i]));
+    const __m256i b1 = _mm256_set1_epi64x(static_cast<long long>(bl[1][i]));
+    for (int v = 0; v < V; ++v) x0[v] = _mm256_madd52lo_epu64(x0[v], a[0].v[v], b0);
+    for (int v = 0; v < V; ++v) x1[v] = _mm256_madd52lo_epu64(x1[v], a[1].v[v], b1);
+    std::uint64_t l0 = static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm256_castsi256_si128(x0[0])));
+    std::uint64_t l1 = static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm256_castsi256_si128(x1[0])));
     std::uint64_t q0 = (l0 * k0[0]) & kMask52;
     std::uint64_t q1 = (l1 * k0[1]) & kMask52;
-    const __m512i mv0 = _mm512_set1_epi64(static_cast<long long>(q0));
-    const __m512i mv1 = _mm512_set1_epi64(static_cast<long long>(q1));
-    for (int v = 0; v < V; ++v) x0[v] = _mm512_madd52lo_epu64(x0[v], m[0].v[v], mv0);
-    for (int v = 0; v < V; ++v) x1[v] = _mm512_madd52lo_epu64(x1[v], m[1].v[v], mv1);
+    const __m256i mv0 = _mm256_set1_epi64x(static_cast<long long>(q0));
+    const __m256i mv1 = _mm256_set1_epi64x(static_cast<long long>(q1));
+    for (int v = 0; v < V; ++v) x0[v] = _mm256_madd52lo_epu64(x0[v], m[0].v[v], mv0);
+    for (int v = 0; v < V; ++v) x1[v] = _mm256_madd52lo_epu64(x1[v], m[1].v[v], mv1);
     std::uint64_t c0 = (l0 + ((q0 * m0[0]) & kMask52)) >> 52;
     std::uint64_t c1 = (l1 + ((q1 * m0[1]) & kMask52)) >> 52;
-    for (int v = 0; v < V - 1; ++v) x0[v] = _mm512_alignr_epi64(x0[v + 1], x0[v], 1);
-    for (int v = 0; v < V - 1; ++v) x1[v] = _mm512_alignr_epi64(x1[v + 1], x1[v], 1);
-    x0[V - 1] = _mm512_alignr_epi64(zero, x0[V - 1], 1);
-    x1[V - 1] = _mm512_alignr_epi64(zero, x1[V - 1], 1);
-    x0[0] = _mm512_add_epi64(x0[0], _mm512_maskz_set1_epi64(1, static_cast<long long>(c0)));
-    x1[0] = _mm512_add_epi64(x1[0], _mm512_maskz_set1_epi64(1, static_cast<long long>(c1)));
-    for (int v = 0; v < V; ++v) x0[v] = _mm512_madd52hi_epu64(x0[v], a[0].v[v], b0);
-    for (int v = 0; v < V; ++v) x1[v] = _mm512_madd52hi_epu64(x1[v], a[1].v[v], b1);
-    for (int v = 0; v < V; ++v) x0[v] = _mm512_madd52hi_epu64(x0[v], m[0].v[v], mv0);
-    for (int v = 0; v < V; ++v) x1[v] = _mm512_madd52hi_epu64(x1[v], m[1].v[v], mv1);
+    for (int v = 0; v < V - 1; ++v) x0[v] = _mm256_alignr_epi64(x0[v + 1], x0[v], 1);
+    for (int v = 0; v < V - 1; ++v) x1[v] = _mm256_alignr_epi64(x1[v + 1], x1[v], 1);
+    x0[V - 1] = _mm256_alignr_epi64(zero, x0[V - 1], 1);
+    x1[V - 1] = _mm256_alignr_epi64(zero, x1[V - 1], 1);
+    x0[0] = _mm256_add_epi64(x0[0], _mm256_maskz_set1_epi64(1, static_cast<long long>(c0)));
+    x1[0] = _mm256_add_epi64(x1[0], _mm256_maskz_set1_epi64(1, static_cast<long long>(c1)));
+    for (int v = 0; v < V; ++v) x0[v] = _mm256_madd52hi_epu64(x0[v], a[0].v[v], b0);
+    for (int v = 0; v < V; ++v) x1[v] = _mm256_madd52hi_epu64(x1[v], a[1].v[v], b1);
+    for (int v = 0; v < V; ++v) x0[v] = _mm256_madd52hi_epu64(x0[v], m[0].v[v], mv0);
+    for (int v = 0; v < V; ++v) x1[v] = _mm256_madd52hi_epu64(x1[v], m[1].v[v], mv1);
   }
-  alignas(64) std::uint64_t t[2][V * 8];
+  alignas(32) std::uint64_t t[2][V * 4];
   for (int v = 0; v < V; ++v) {
-    _mm512_store_si512(reinterpret_cast<__m512i*>(t[0] + 8 * v), x0[v]);
-    _mm512_store_si512(reinterpret_cast<__m512i*>(t[1] + 8 * v), x1[v]);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(t[0] + 4 * v), x0[v]);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(t[1] + 4 * v), x1[v]);
   }
   for (int h = 0; h < 2; ++h) {
     std::uint64_t c = 0;
-    for (int j = 0; j < V * 8; ++j) {
+    for (int j = 0; j < V * 4; ++j) {
       std::uint64_t sum = t[h][j] + c;
       t[h][j] = sum & kMask52;
       c = sum >> 52;
     }
     for (int v = 0; v < V; ++v)
-      r[h].v[v] = _mm512_load_si512(reinterpret_cast<const __m512i*>(t[h] + 8 * v));
+      r[h].v[v] = _mm256_load_si256(reinterpret_cast<const __m256i*>(t[h] + 4 * v));
   }
 }
 
 // Constant-time table read: every entry is touched whatever the index.
 template <int V>
-__attribute__((target("avx512f,avx512ifma"))) inline void Select(Vec<V>& out, const Vec<V>* table,
-                                                                 int count, int index) {
-  for (int v = 0; v < V; ++v) out.v[v] = _mm512_setzero_si512();
+__attribute__((target("avx512f,avx512vl,avx512ifma"))) inline void Select(Vec<V>& out,
+                                                                          const Vec<V>* table,
+                                                                          int count, int index) {
+  for (int v = 0; v < V; ++v) out.v[v] = _mm256_setzero_si256();
   for (int k = 0; k < count; ++k) {
     __mmask8 pick = static_cast<__mmask8>(0u - static_cast<unsigned>(k == index));
-    for (int v = 0; v < V; ++v) out.v[v] = _mm512_mask_mov_epi64(out.v[v], pick, table[k].v[v]);
+    for (int v = 0; v < V; ++v) out.v[v] = _mm256_mask_mov_epi64(out.v[v], pick, table[k].v[v]);
   }
 }
 
@@ -197,13 +197,13 @@ struct Half {
 
 // Both CRT exponentiations with fixed 5-bit windows, side by side.
 template <int V>
-__attribute__((target("avx512f,avx512ifma"))) void CrtExpV(const Half* half, int lanes) {
+__attribute__((target("avx512f,avx512vl,avx512ifma"))) void CrtExpV(const Half* half, int lanes) {
   constexpr int kW = 5;
   constexpr int kEntries = 1 << kW;
-  alignas(64) std::uint64_t buf[V * 8];
+  alignas(32) std::uint64_t buf[V * 4];
   Vec<V> m[2], one_m[2], acc[2], tmp[2], sel[2];
   std::uint64_t m0[2], k0[2];
-  static_assert(sizeof(Vec<V>) % 64 == 0, "vector alignment");
+  static_assert(sizeof(Vec<V>) % 32 == 0, "vector alignment");
   Vec<V> table[2][kEntries];
   int ebits = 0;
   for (int h = 0; h < 2; ++h) {
@@ -220,9 +220,9 @@ __attribute__((target("avx512f,avx512ifma"))) void CrtExpV(const Half* half, int
     pow[bits / 64] = static_cast<Limb>(1) << (bits % 64);
     Limb rr[kMaxLimbs];
     DivMod(pow, pn, ctx.m, ctx.n, nullptr, rr);
-    alignas(64) std::uint64_t rr52[V * 8] = {};
+    alignas(32) std::uint64_t rr52[V * 4] = {};
     To52(rr, ctx.n, rr52, lanes);
-    alignas(64) std::uint64_t unit[V * 8] = {};
+    alignas(32) std::uint64_t unit[V * 4] = {};
     unit[0] = 1;
     Vec<V> u;
     LoadVec<V>(u, unit);
@@ -267,11 +267,11 @@ __attribute__((target("avx512f,avx512ifma"))) void CrtExpV(const Half* half, int
   }
   for (int h = 0; h < 2; ++h) {
     const Mont& ctx = *half[h].ctx;
-    alignas(64) std::uint64_t unit[V * 8] = {};
+    alignas(32) std::uint64_t unit[V * 4] = {};
     unit[0] = 1;
     Amm<V>(acc[h], acc[h], unit, m[h], m0[h], k0[h], lanes);
     for (int v = 0; v < V; ++v)
-      _mm512_store_si512(reinterpret_cast<__m512i*>(buf + 8 * v), acc[h].v[v]);
+      _mm256_store_si256(reinterpret_cast<__m256i*>(buf + 4 * v), acc[h].v[v]);
     Limb out[kMaxLimbs + 1], t[kMaxLimbs + 1], mm[kMaxLimbs + 1];
     From52(buf, lanes, out, ctx.n + 1);
     for (int k = 0; k < ctx.n; ++k) mm[k] = ctx.m[k];
@@ -299,7 +299,7 @@ bool IfmaCrtExp(const Mont& p, Limb* rp, const Limb* xp, const Limb* ep, int epn
   int lanes = (64 * p.n + 2 + 51) / 52;
   if (lanes > kMaxL52) return false;
   const Half half[2] = {{&p, xp, ep, epn, rp}, {&q, xq, eq, eqn, rq}};
-  switch ((lanes + 7) / 8) {
+  switch ((lanes + 3) / 4) {
     case 2:
       CrtExpV<2>(half, lanes);
       return true;
@@ -311,6 +311,21 @@ bool IfmaCrtExp(const Mont& p, Limb* rp, const Limb* xp, const Limb* ep, int epn
       return true;
     case 5:
       CrtExpV<5>(half, lanes);
+      return true;
+    case 6:
+      CrtExpV<6>(half, lanes);
+      return true;
+    case 7:
+      CrtExpV<7>(half, lanes);
+      return true;
+    case 8:
+      CrtExpV<8>(half, lanes);
+      return true;
+    case 9:
+      CrtExpV<9>(half, lanes);
+      return true;
+    case 10:
+      CrtExpV<10>(half, lanes);
       return true;
     default:
       return false;
