@@ -7,7 +7,7 @@
 
 #include <cstring>
 
-#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__)) && !defined(KV_RSA_NO_IFMA)
 #include <cpuid.h>
 #include <immintrin.h>
 #if defined(__GNUC__) && !defined(__clang__)
