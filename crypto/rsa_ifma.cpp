@@ -132,31 +132,45 @@ __attribute__((target("avx512f,avx512vl,avx512ifma"))) inline void Amm2(
   __m256i x0[V], x1[V];
   for (int v = 0; v < V; ++v) x0[v] = x1[v] = _mm256_setzero_si256();
   const __m256i zero = _mm256_setzero_si256();
+  const std::uint64_t a00 =
+      static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm256_castsi256_si128(a[0].v[0])));
+  const std::uint64_t a10 =
+      static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm256_castsi256_si128(a[1].v[0])));
   for (int i = 0; i < lanes; ++i) {
-    const __m256i b0 = _mm256_set1_epi64x(static_cast<long long>(bl[0][i]));
-    const __m256i b1 = _mm256_set1_epi64x(static_cast<long long>(bl[1][i]));
-    for (int v = 0; v < V; ++v) x0[v] = _mm256_madd52lo_epu64(x0[v], a[0].v[v], b0);
-    for (int v = 0; v < V; ++v) x1[v] = _mm256_madd52lo_epu64(x1[v], a[1].v[v], b1);
+    // Lane 0 is followed in scalar code, so the multiplier m is ready without
+    // waiting for the vector products; the high halves go to their own
+    // registers and join after the shift, which keeps each register's chain of
+    // dependent operations short.
+    const std::uint64_t bs0 = bl[0][i], bs1 = bl[1][i];
+    const __m256i b0 = _mm256_set1_epi64x(static_cast<long long>(bs0));
+    const __m256i b1 = _mm256_set1_epi64x(static_cast<long long>(bs1));
     std::uint64_t l0 = static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm256_castsi256_si128(x0[0])));
     std::uint64_t l1 = static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm256_castsi256_si128(x1[0])));
+    l0 += (a00 * bs0) & kMask52;
+    l1 += (a10 * bs1) & kMask52;
     std::uint64_t q0 = (l0 * k0[0]) & kMask52;
     std::uint64_t q1 = (l1 * k0[1]) & kMask52;
-    const __m256i mv0 = _mm256_set1_epi64x(static_cast<long long>(q0));
-    const __m256i mv1 = _mm256_set1_epi64x(static_cast<long long>(q1));
-    for (int v = 0; v < V; ++v) x0[v] = _mm256_madd52lo_epu64(x0[v], m[0].v[v], mv0);
-    for (int v = 0; v < V; ++v) x1[v] = _mm256_madd52lo_epu64(x1[v], m[1].v[v], mv1);
     std::uint64_t c0 = (l0 + ((q0 * m0[0]) & kMask52)) >> 52;
     std::uint64_t c1 = (l1 + ((q1 * m0[1]) & kMask52)) >> 52;
+    const __m256i mv0 = _mm256_set1_epi64x(static_cast<long long>(q0));
+    const __m256i mv1 = _mm256_set1_epi64x(static_cast<long long>(q1));
+    __m256i h0[V], h1[V];
+    for (int v = 0; v < V; ++v) x0[v] = _mm256_madd52lo_epu64(x0[v], a[0].v[v], b0);
+    for (int v = 0; v < V; ++v) x1[v] = _mm256_madd52lo_epu64(x1[v], a[1].v[v], b1);
+    for (int v = 0; v < V; ++v) h0[v] = _mm256_madd52hi_epu64(zero, a[0].v[v], b0);
+    for (int v = 0; v < V; ++v) h1[v] = _mm256_madd52hi_epu64(zero, a[1].v[v], b1);
+    for (int v = 0; v < V; ++v) x0[v] = _mm256_madd52lo_epu64(x0[v], m[0].v[v], mv0);
+    for (int v = 0; v < V; ++v) x1[v] = _mm256_madd52lo_epu64(x1[v], m[1].v[v], mv1);
+    for (int v = 0; v < V; ++v) h0[v] = _mm256_madd52hi_epu64(h0[v], m[0].v[v], mv0);
+    for (int v = 0; v < V; ++v) h1[v] = _mm256_madd52hi_epu64(h1[v], m[1].v[v], mv1);
     for (int v = 0; v < V - 1; ++v) x0[v] = _mm256_alignr_epi64(x0[v + 1], x0[v], 1);
     for (int v = 0; v < V - 1; ++v) x1[v] = _mm256_alignr_epi64(x1[v + 1], x1[v], 1);
     x0[V - 1] = _mm256_alignr_epi64(zero, x0[V - 1], 1);
     x1[V - 1] = _mm256_alignr_epi64(zero, x1[V - 1], 1);
-    x0[0] = _mm256_add_epi64(x0[0], _mm256_maskz_set1_epi64(1, static_cast<long long>(c0)));
-    x1[0] = _mm256_add_epi64(x1[0], _mm256_maskz_set1_epi64(1, static_cast<long long>(c1)));
-    for (int v = 0; v < V; ++v) x0[v] = _mm256_madd52hi_epu64(x0[v], a[0].v[v], b0);
-    for (int v = 0; v < V; ++v) x1[v] = _mm256_madd52hi_epu64(x1[v], a[1].v[v], b1);
-    for (int v = 0; v < V; ++v) x0[v] = _mm256_madd52hi_epu64(x0[v], m[0].v[v], mv0);
-    for (int v = 0; v < V; ++v) x1[v] = _mm256_madd52hi_epu64(x1[v], m[1].v[v], mv1);
+    h0[0] = _mm256_add_epi64(h0[0], _mm256_maskz_set1_epi64(1, static_cast<long long>(c0)));
+    h1[0] = _mm256_add_epi64(h1[0], _mm256_maskz_set1_epi64(1, static_cast<long long>(c1)));
+    for (int v = 0; v < V; ++v) x0[v] = _mm256_add_epi64(x0[v], h0[v]);
+    for (int v = 0; v < V; ++v) x1[v] = _mm256_add_epi64(x1[v], h1[v]);
   }
   alignas(32) std::uint64_t t[2][V * 4];
   for (int v = 0; v < V; ++v) {
