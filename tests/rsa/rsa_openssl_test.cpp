@@ -249,9 +249,6 @@ TEST_P(RsaGeneratedKey, PassesOpenSslCheckAndInteroperates) {
   EXPECT_EQ(0, Shell("openssl rsa -check -noout -inform DER -in " + der, &log)) << log;
   EXPECT_NE(std::string::npos, log.find("RSA key ok")) << log;
   ASSERT_EQ(0, Shell("openssl rsa -inform DER -in " + der + " -out " + pem, &log)) << log;
-  Shell("openssl rsa -text -noout -in " + pem, &log);
-  EXPECT_NE(std::string::npos, log.find("Private-Key: (" + std::to_string(GetParam()) + " bit"))
-      << log;
   ExchangeWithOpenSsl(dir, pem, key);
 }
 
