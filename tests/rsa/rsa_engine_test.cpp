@@ -2,6 +2,7 @@
 // the message table, key generation and the private-operation safeguards.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -24,11 +25,15 @@ const Key& Key1024() {
   return key;
 }
 
+const std::vector<rsatest::KeyVectors>& TestKeys() {
+  static const auto keys =
+      rsatest::ReadVectors(std::string(KV_TEST_DATA_DIR) + "/rsa/test-keys.txt");
+  return keys;
+}
+
 // A 352-bit key (k = 44), too short for a SHA-1 DigestInfo.
 const Key& SmallKey() {
-  static const Key key =
-      rsatest::ReadVectors(std::string(KV_TEST_DATA_DIR) + "/rsa/small-keys.txt").at(0).key;
-  return key;
+  return TestKeys().at(0).key;
 }
 
 int Load(const Key& key, unsigned int block, KV_RSA_CTX** ctx) {
@@ -386,6 +391,33 @@ TEST(RsaKeyGeneration, RandomSourceAndCancel) {
   EXPECT_EQ(-102, KV_RSA_GenerateKeyPair(511, &none, nullptr));
   EXPECT_EQ(-102, KV_RSA_GenerateKeyPair(8193, &none, nullptr));
   EXPECT_EQ(-2, KV_RSA_GenerateKeyPair(1024, nullptr, nullptr));
+}
+
+// The same key with prime 1 < prime 2: the CRT recombination must reduce the
+// second half's result modulo the first prime. y = prime1 + 5 lies between the
+// primes, so its half modulo prime 2 is not below prime 1.
+TEST(RsaPrivateOperation, SmallerFirstPrime) {
+  const Key& key = TestKeys().at(1).key;
+  auto priv = key.LoadPrivate();
+  ASSERT_TRUE(priv);
+  Bytes y(128, 0);
+  const Bytes& p = key.part[KV_RSA_PRIME1];
+  std::copy(p.begin(), p.end(), y.end() - p.size());
+  for (int i = 127, carry = 5; carry && i >= 0; --i) {
+    carry += y[i];
+    y[i] = static_cast<std::uint8_t>(carry);
+    carry >>= 8;
+  }
+  Bytes x(128), back(128);
+  unsigned int len = 0;
+  ASSERT_EQ(0, KV_RSA_PublicBlock(priv.get(), y.data(), 128, x.data(), &len));
+  for (bool accelerate : {true, false}) {
+    kv::internal::SetAccelerationAllowed(accelerate);
+    int rc = KV_RSA_PrivateBlock(priv.get(), x.data(), 128, back.data(), &len);
+    kv::internal::SetAccelerationAllowed(true);
+    ASSERT_EQ(0, rc);
+    EXPECT_EQ(y, back);
+  }
 }
 
 // The portable code and the processor-specific code must agree; run the
