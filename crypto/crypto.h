@@ -8,3 +8,4 @@
 #include "crypto/rc2.h"
 #include "crypto/rc4.h"
 #include "crypto/sha1.h"
+#include "crypto/rsa.h"
