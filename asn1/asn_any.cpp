@@ -141,7 +141,7 @@ unsigned AsnAny::Decode(AsnDecode& d, const MiByte& in, unsigned pos) {
         try {
           typed->Decode(d, in, pos);
           // Clean only when the value gives back the very content octets.
-          MiByteBuffer check;
+          static thread_local MiByteBuffer check;
           unsigned c = typed->DerEncodeContent(check, 0);
           if (c == length && (length == 0 || std::memcmp(check.GetChars(),
                                                          in.GetChars() + pos + t + l, length) == 0))

@@ -386,3 +386,13 @@ void DumpList(const AsnObject& obj, const char* label, std::ostream& os, unsigne
   os << " }";
 }
 }  // namespace kv_asn
+
+void AsnContainer::SetValue(const AsnObject* value) {
+  if (!value) throw MiInvalidArgumentExp();
+  if (!m_data)
+    m_data.reset(value->Clone());
+  else
+    m_data->SetAsnValue(value);
+  m_data->SetAsnPresent(true);
+  SetAsnPresent(true);
+}

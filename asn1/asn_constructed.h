@@ -85,6 +85,12 @@ class AsnSequence : public AsnObject {
 
   // For the generated types: the element of that name, or AsnDataExp.
   AsnObject* Element(const char* name) const;
+  // The element of that name when it is present, null when absent; AsnDataExp
+  // for a name the structure does not have.
+  AsnObject* GetIfPresent(const char* name) const {
+    AsnObject* e = Element(name);
+    return e->IsAsnPresent() ? e : nullptr;
+  }
   // For the visitors.
   const AsnElementList& Elements() const { return m_elements; }
   AsnElementList& Elements() { return m_elements; }
@@ -140,6 +146,10 @@ class AsnSet : public AsnObject {
   ASN_BYTE_TYPE GetComponentByteType() const { return m_componentByteType; }
 
   AsnObject* Element(const char* name) const;
+  AsnObject* GetIfPresent(const char* name) const {
+    AsnObject* e = Element(name);
+    return e->IsAsnPresent() ? e : nullptr;
+  }
   const AsnElementList& Elements() const { return m_elements; }
   AsnElementList& Elements() { return m_elements; }
 
@@ -237,6 +247,10 @@ class AsnContainer : public AsnObject {
 
   void SetData(const AsnObject* data);
   void SetDataSpace(AsnObject* data);
+  // Copies value into the data object (keeping the data's name and tag, see
+  // AsnObject::SetAsnValue; a clone when there is no data object yet) and
+  // marks data and container present. Null value: MiInvalidArgumentExp.
+  void SetValue(const AsnObject* value);
   AsnObject* GetData() const { return m_data.get(); }
   AsnObject* Data() const { return m_data.get(); }
 

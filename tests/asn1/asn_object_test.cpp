@@ -182,6 +182,20 @@ TEST(AsnContainerModel, OwnsItsData) {
   EXPECT_FALSE(copy.EqualsContent(&c));
   c.SetData(nullptr);
   EXPECT_FALSE(copy.EqualsContent(&c));
+
+  // SetValue keeps the data's own tag and marks both present.
+  TestRecord r;
+  EXPECT_EQ(r.GetIfPresent("version"), nullptr);
+  EXPECT_EQ(ThrownMessage([&] { r.GetIfPresent("nope"); }), "asn data exception");
+  auto* version = dynamic_cast<AsnContainer*>(r.Find("version"));
+  AsnInteger v(2);
+  v.SetAsnTag(ASN_TAG_CLASS_PRIVATE, ASN_TAG_MODE_IMPLICIT, 9);
+  version->SetValue(&v);
+  EXPECT_EQ(r.GetIfPresent("version"), version);
+  EXPECT_TRUE(version->GetData()->IsAsnPresent());
+  EXPECT_EQ(version->GetData()->GetAsnTagNumber(), 2u);
+  EXPECT_EQ(Der(*version), "A003020102");
+  EXPECT_EQ(ThrownMessage([&] { version->SetValue(nullptr); }), "invalid argument exp");
 }
 
 TEST(AsnInstanceOfModel, TypeIdAndExplicitValue) {
