@@ -98,6 +98,9 @@ unsigned AsnAny::Encode(AsnEncode& e, MiByteBuffer& out, unsigned pos) const {
     out.Append(*GetSavedByte());
     return GetSavedByte()->GetLength();
   }
+  // Saved content octets go out under the tag that was read.
+  if (GetAsnByteType() == ASN_BYTE_CONTENT && GetSavedByte())
+    return kv_asn::EncodeObject(e, *this, out, pos);
   if (!m_data) throw AsnEncodeExp();
   return m_data->Encode(e, out, pos);
 }

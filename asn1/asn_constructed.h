@@ -327,6 +327,11 @@ class AsnListOf : public AsnObject {
   }
   unsigned DecodeContent(AsnDecode& d, const MiByte& in, unsigned pos, unsigned length) override {
     m_values.clear();
+    if (this->GetAsnByteType() == ASN_BYTE_CONTENT) {
+      kv_asn::CheckContent(in, pos, length);
+      this->SetAsnContentByte(in.GetChars(), pos, length);
+      return length;
+    }
     return kv_asn::DecodeListContent(d, in, pos, length, &AsnListOf::MakeValue, this);
   }
   AsnObject* Clone() const override { return new AsnListOf(*this); }

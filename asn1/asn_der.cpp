@@ -198,6 +198,9 @@ unsigned AsnDerEncode::Encode(const AsnChoice& obj, MiByteBuffer& out, unsigned 
     out.Append(*obj.GetSavedByte());
     return obj.GetSavedByte()->GetLength();
   }
+  // Saved content octets go out under the identifier that was read.
+  if (obj.GetAsnByteType() == ASN_BYTE_CONTENT && obj.GetSavedByte())
+    return EncodeObject(*this, obj, out, pos);
   const AsnObject* alt = obj.Get();
   if (!alt) throw AsnEncodeExp();
   // An untagged nested choice writes its own selection.

@@ -341,6 +341,18 @@ TEST(DerSavedEncodings, WholeAndContentBytesAreKeptAndWrittenBack) {
   os.SetAsnContentByte(Bytes("FFFFFF").GetChars(), 0, 3);
   EXPECT_EQ(Der(os), "0403FFFFFF");
 
+  // Lists and open types keep content octets too.
+  AsnSequenceOf<AsnInteger> list;
+  list.OnContentByte();
+  list.DerDecode(Bytes("3003020105"), 0);
+  EXPECT_EQ(list.Size(), 0u);
+  EXPECT_EQ(Der(list), "3003020105");
+  AsnAny any;
+  any.OnContentByte();
+  any.DerDecode(Bytes("A1020500"), 0);
+  EXPECT_FALSE(any.HasData());
+  EXPECT_EQ(Der(any), "A1020500");
+
   // The component byte type is pushed down to every element.
   TestRecord r = SampleRecord();
   const std::string der = Der(r);
@@ -350,6 +362,12 @@ TEST(DerSavedEncodings, WholeAndContentBytesAreKeptAndWrittenBack) {
   ASSERT_TRUE(back.Get("algorithm")->GetAsnByte());
   EXPECT_EQ(Hex(*back.Get("algorithm")->GetAsnByte()), "06092A864886F70D01010B");
   EXPECT_EQ(Der(back), der);
+  TestRecord content;
+  content.OnComponentContentByte();
+  content.DerDecode(Bytes(der), 0);
+  ASSERT_TRUE(content.Get("when")->GetAsnContentByte());
+  EXPECT_EQ(Hex(*content.Get("when")->GetAsnContentByte()), "3134303630343038303931305A");
+  EXPECT_EQ(Der(content), der);
 }
 
 TEST(DerRobustness, EmptyInputPositionsAndDeepNesting) {
