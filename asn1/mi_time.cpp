@@ -116,14 +116,23 @@ void MiTime::AddSeconds(int64_t seconds) {
 }
 
 MiString MiTime::GetTimeString(const char* pattern) const {
-  std::string out;
   if (!pattern) pattern = "YYYYMMDDhhmmss";
-  auto put = [&out](int v, int width) {
-    std::string s = std::to_string(v);
-    if (static_cast<int>(s.size()) < width) s.insert(0, width - s.size(), '0');
-    out += s.substr(s.size() - width);
+  char buf[128];
+  unsigned n = 0;
+  auto put = [&](int v, int width) {
+    for (int k = width - 1; k >= 0; --k) {
+      if (n + static_cast<unsigned>(k) < sizeof(buf) - 1)
+        buf[n + k] = static_cast<char>('0' + v % 10);
+      v /= 10;
+    }
+    n += static_cast<unsigned>(width);
   };
+  std::string longText;  // only for patterns longer than the buffer
   for (const char* p = pattern; *p;) {
+    if (n + 4 >= sizeof(buf) - 1) {
+      longText.append(buf, n);
+      n = 0;
+    }
     if (p[0] == 'Y' && p[1] == 'Y' && p[2] == 'Y' && p[3] == 'Y') {
       put(m_year, 4);
       p += 4;
@@ -146,10 +155,12 @@ MiString MiTime::GetTimeString(const char* pattern) const {
       put(m_second, 2);
       p += 2;
     } else {
-      out.push_back(*p++);
+      buf[n++] = *p++;
     }
   }
-  return MiString(out.c_str());
+  if (longText.empty()) return MiString(buf, 0, n);
+  longText.append(buf, n);
+  return MiString(longText.c_str());
 }
 
 bool MiTime::TestYearString(const char* p, unsigned n) {

@@ -43,69 +43,55 @@ std::string DecimalMagnitude(const std::string& digits) {
   return std::string(m.GetChars(), m.GetLength());
 }
 
-bool ParseArc(const char* p, unsigned n, std::string& digits) {
-  if (n == 0) return false;
-  for (unsigned i = 0; i < n; ++i)
-    if (p[i] < '0' || p[i] > '9') return false;
-  digits.assign(p, n);
-  return true;
-}
-
-bool SmallArc(const std::string& d, uint64_t& v) {
-  if (d.size() > 19) return false;
-  v = 0;
-  for (char c : d) v = v * 10 + static_cast<unsigned>(c - '0');
-  return true;
-}
-
 }  // namespace
 
 bool OidTextToOctets(const char* text, unsigned n, std::string& out) {
   out.clear();
   if (!text || n == 0) return false;
-  std::vector<std::string> arcs;
+  unsigned arcs = 0;
+  uint64_t first = 0;
   unsigned start = 0;
   for (unsigned i = 0; i <= n; ++i) {
-    if (i == n || text[i] == '.') {
-      std::string d;
-      if (!ParseArc(text + start, i - start, d)) return false;
-      arcs.push_back(d);
-      start = i + 1;
-    }
-  }
-  if (arcs.size() < 2) return false;
-  uint64_t first, second;
-  if (!SmallArc(arcs[0], first) || first > 1000) return false;
-  if (SmallArc(arcs[1], second) && second <= (UINT64_MAX - first * 40)) {
-    AppendBase128(out, first * 40 + second);
-  } else {
-    // A huge second arc: first * 40 + second in big arithmetic.
-    MiBigInteger s = MiBigInteger::FromString(arcs[1].c_str());
-    std::string mag;
-    {
-      MiByte m = s.GetMagnitude();
-      mag.assign(m.GetChars(), m.GetLength());
-    }
-    unsigned carry = static_cast<unsigned>(first * 40);
-    for (size_t i = mag.size(); i-- > 0 && carry;) {
-      unsigned v = static_cast<unsigned char>(mag[i]) + carry;
-      mag[i] = static_cast<char>(v & 0xFF);
-      carry = v >> 8;
-    }
-    while (carry) {
-      mag.insert(mag.begin(), static_cast<char>(carry & 0xFF));
-      carry >>= 8;
-    }
-    AppendBase128(out, mag);
-  }
-  for (size_t i = 2; i < arcs.size(); ++i) {
-    uint64_t v;
-    if (SmallArc(arcs[i], v))
+    if (i < n && text[i] != '.') continue;
+    // One arc: text[start, i).
+    const unsigned len = i - start;
+    if (len == 0) return false;
+    for (unsigned k = start; k < i; ++k)
+      if (text[k] < '0' || text[k] > '9') return false;
+    uint64_t v = 0;
+    const bool small = len <= 19;
+    if (small)
+      for (unsigned k = start; k < i; ++k) v = v * 10 + static_cast<unsigned>(text[k] - '0');
+    if (arcs == 0) {
+      if (!small || v > 1000) return false;
+      first = v;
+    } else if (arcs == 1) {
+      if (small && v <= UINT64_MAX - first * 40) {
+        AppendBase128(out, first * 40 + v);
+      } else {
+        // A huge second arc: first * 40 + second in big arithmetic.
+        std::string mag = DecimalMagnitude(std::string(text + start, len));
+        unsigned carry = static_cast<unsigned>(first * 40);
+        for (size_t b = mag.size(); b-- > 0 && carry;) {
+          unsigned sum = static_cast<unsigned char>(mag[b]) + carry;
+          mag[b] = static_cast<char>(sum & 0xFF);
+          carry = sum >> 8;
+        }
+        while (carry) {
+          mag.insert(mag.begin(), static_cast<char>(carry & 0xFF));
+          carry >>= 8;
+        }
+        AppendBase128(out, mag);
+      }
+    } else if (small) {
       AppendBase128(out, v);
-    else
-      AppendBase128(out, DecimalMagnitude(arcs[i]));
+    } else {
+      AppendBase128(out, DecimalMagnitude(std::string(text + start, len)));
+    }
+    ++arcs;
+    start = i + 1;
   }
-  return true;
+  return arcs >= 2;
 }
 
 bool OidOctetsToText(const unsigned char* p, unsigned n, std::string& out) {
