@@ -91,13 +91,17 @@ unsigned EncodeObject(AsnEncode& enc, const AsnObject& obj, MiByteBuffer& out, u
     return obj.GetSavedByte()->GetLength();
   }
   unsigned t = enc.EncodeTag(obj.GetAsnTag(), out, pos);
-  unsigned c = obj.EncodeContent(enc, out, pos + t);
   if (typeid(enc) == typeid(AsnDerEncode)) {
-    // Same octets as EncodeLength, without a heap block per object.
+    // Same octets as EncodeLength + insert, but a one-octet length is written
+    // in place, so short content is never moved.
+    out.Append(static_cast<unsigned char>(0));
+    unsigned c = obj.EncodeContent(enc, out, pos + t + 1);
     unsigned char buf[5];
     unsigned k = LengthOctets(c, buf);
-    out.Insert(pos + t, reinterpret_cast<const char*>(buf), k);
+    out.SetCharAt(pos + t, buf[0]);
+    if (k > 1) out.Insert(pos + t + 1, reinterpret_cast<const char*>(buf + 1), k - 1);
   } else {
+    unsigned c = obj.EncodeContent(enc, out, pos + t);
     out.Insert(pos + t, enc.EncodeLength(c));
   }
   return out.GetLength() - pos;
