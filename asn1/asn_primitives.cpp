@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <string>
+#include <typeinfo>
 
 #include "asn1/asn_ostream.h"
 #include "asn1/internal/asn_text.h"
@@ -284,13 +285,13 @@ void AsnNarrowString::SetData(const char* p, unsigned offset, unsigned n) {
 
 void AsnNarrowString::ResetText(const AsnObject* other) {
   const AsnNarrowString* o = dynamic_cast<const AsnNarrowString*>(other);
-  if (!o || o->m_test != m_test) throw MiInvalidArgumentExp();
+  if (!o || typeid(*o) != typeid(*this)) throw MiInvalidArgumentExp();
   *this = *o;
 }
 
 bool AsnNarrowString::EqualsText(const AsnObject* other) const {
   const AsnNarrowString* o = dynamic_cast<const AsnNarrowString*>(other);
-  return o && o->m_test == m_test && o->m_text.GetLength() == m_text.GetLength() &&
+  return o && typeid(*o) == typeid(*this) && o->m_text.GetLength() == m_text.GetLength() &&
          (m_text.GetLength() == 0 ||
           std::memcmp(o->m_text.GetChars(), m_text.GetChars(), m_text.GetLength()) == 0);
 }
@@ -445,13 +446,13 @@ void AsnWideString::SetUtf8(const char* text) {
 
 void AsnWideString::ResetChars(const AsnObject* other) {
   const AsnWideString* o = dynamic_cast<const AsnWideString*>(other);
-  if (!o || o->m_test != m_test) throw MiInvalidArgumentExp();
+  if (!o || typeid(*o) != typeid(*this)) throw MiInvalidArgumentExp();
   *this = *o;
 }
 
 bool AsnWideString::EqualsChars(const AsnObject* other) const {
   const AsnWideString* o = dynamic_cast<const AsnWideString*>(other);
-  return o && o->m_test == m_test && o->m_chars == m_chars;
+  return o && typeid(*o) == typeid(*this) && o->m_chars == m_chars;
 }
 
 namespace {
