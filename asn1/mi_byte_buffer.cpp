@@ -9,6 +9,7 @@
 
 namespace {
 constexpr uint64_t kMaxLength = 0xFFFFFFFEu;
+constexpr uint32_t kInitialCapacity = 1024;
 
 uint32_t Need(uint32_t length, unsigned n) {
   uint64_t total = static_cast<uint64_t>(length) + n;
@@ -21,10 +22,11 @@ bool Inside(const char* p, const char* block, uint32_t capacity) {
 }
 }  // namespace
 
-MiByteBuffer::MiByteBuffer() : data_(kv_mi::AllocZero(1025)), length_(0), capacity_(1024) {}
+// The block of an empty buffer is allocated when the first byte arrives.
+MiByteBuffer::MiByteBuffer() = default;
 
 MiByteBuffer::MiByteBuffer(unsigned n) : capacity_(kv_mi::InitialCapacity(n, false)) {
-  data_ = kv_mi::AllocZero(static_cast<std::size_t>(capacity_) + 1);
+  if (n != 0) data_ = kv_mi::AllocZero(static_cast<std::size_t>(capacity_) + 1);
   length_ = n;
 }
 
@@ -33,8 +35,9 @@ MiByteBuffer::MiByteBuffer(const char* p, unsigned n) : MiByteBuffer(p, 0, n) {}
 MiByteBuffer::MiByteBuffer(const char* p, unsigned offset, unsigned n) {
   if (p == nullptr) n = 0;
   capacity_ = kv_mi::InitialCapacity(n, false);
+  if (n == 0) return;
   data_ = kv_mi::AllocZero(static_cast<std::size_t>(capacity_) + 1);
-  if (n != 0) std::memcpy(data_, p + offset, n);
+  std::memcpy(data_, p + offset, n);
   length_ = n;
 }
 
@@ -48,7 +51,7 @@ MiByteBuffer::MiByteBuffer(MiByteBuffer&& other) noexcept
     : MiObject(other), data_(other.data_), length_(other.length_), capacity_(other.capacity_) {
   other.data_ = nullptr;
   other.length_ = 0;
-  other.capacity_ = 0;
+  other.capacity_ = kInitialCapacity;
 }
 
 MiByteBuffer& MiByteBuffer::operator=(const MiByteBuffer& other) {
@@ -111,11 +114,11 @@ void MiByteBuffer::Reset(const MiByteBuffer* other) {
 }
 
 void MiByteBuffer::EnsureCapacity(unsigned n) {
-  if (data_ != nullptr && capacity_ >= n) return;
-  uint32_t cap = kv_mi::InitialCapacity(n, false);
-  if (data_ != nullptr) {
-    cap = capacity_;
-    while (cap < n) cap = kv_mi::NextCapacity(cap, n, false);
+  if (capacity_ >= n) return;
+  const uint32_t cap = kv_mi::NextCapacity(capacity_, n, false);
+  if (data_ == nullptr) {  // nothing to move yet
+    capacity_ = cap;
+    return;
   }
   char* block = kv_mi::AllocZero(static_cast<std::size_t>(cap) + 1);
   if (length_ != 0) std::memcpy(block, data_, length_);

@@ -129,7 +129,7 @@ class MiByteBuffer : public MiObject {
 
   char* data_ = nullptr;
   uint32_t length_ = 0;
-  uint32_t capacity_ = 0;
+  uint32_t capacity_ = 1024;
 };
 
 std::ostream& operator<<(std::ostream& os, const MiByteBuffer& b);

@@ -2,8 +2,6 @@
 
 #include <cstring>
 
-MiObject::~MiObject() = default;
-
 namespace {
 void CopyMessage(char* dst, std::size_t size, const char* src) {
   if (src == nullptr) src = "";

@@ -46,19 +46,19 @@ unsigned Decimal(char (&buf)[16], uint32_t magnitude, bool negative) {
 }
 }  // namespace
 
-MiStringBuffer::MiStringBuffer() : data_(kv_mi::AllocZero(1025)), length_(0), capacity_(1024) {}
+// The block of an empty buffer is allocated when the first character arrives.
+MiStringBuffer::MiStringBuffer() = default;
 
-MiStringBuffer::MiStringBuffer(unsigned n) : capacity_(kv_mi::InitialCapacity(n, true)) {
-  data_ = kv_mi::AllocZero(static_cast<std::size_t>(capacity_) + 1);
-}
+MiStringBuffer::MiStringBuffer(unsigned n) : capacity_(kv_mi::InitialCapacity(n, true)) {}
 
 MiStringBuffer::MiStringBuffer(const char* s) : MiStringBuffer(s, 0, Size(s)) {}
 
 MiStringBuffer::MiStringBuffer(const char* p, unsigned offset, unsigned n) {
   if (p == nullptr) n = 0;
   capacity_ = kv_mi::InitialCapacity(n, true);
+  if (n == 0) return;
   data_ = kv_mi::AllocZero(static_cast<std::size_t>(capacity_) + 1);
-  if (n != 0) std::memcpy(data_, p + offset, n);
+  std::memcpy(data_, p + offset, n);
   length_ = n;
 }
 
@@ -72,7 +72,7 @@ MiStringBuffer::MiStringBuffer(MiStringBuffer&& other) noexcept
     : MiObject(other), data_(other.data_), length_(other.length_), capacity_(other.capacity_) {
   other.data_ = nullptr;
   other.length_ = 0;
-  other.capacity_ = 0;
+  other.capacity_ = 1024;
 }
 
 MiStringBuffer& MiStringBuffer::operator=(const MiStringBuffer& other) {
@@ -130,9 +130,12 @@ void MiStringBuffer::Reset(const MiStringBuffer* other) {
 }
 
 void MiStringBuffer::EnsureCapacity(unsigned n) {
-  if (data_ != nullptr && capacity_ > n) return;
-  uint32_t cap =
-      data_ == nullptr ? kv_mi::InitialCapacity(n, true) : kv_mi::NextCapacity(capacity_, n, true);
+  if (capacity_ > n) return;
+  const uint32_t cap = kv_mi::NextCapacity(capacity_, n, true);
+  if (data_ == nullptr) {  // nothing to move yet
+    capacity_ = cap;
+    return;
+  }
   char* block = kv_mi::AllocZero(static_cast<std::size_t>(cap) + 1);
   if (length_ != 0) std::memcpy(block, data_, length_);
   kv_mi::Free(data_);

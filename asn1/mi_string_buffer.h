@@ -98,7 +98,7 @@ class MiStringBuffer : public MiObject {
 
   char* data_ = nullptr;
   uint32_t length_ = 0;
-  uint32_t capacity_ = 0;
+  uint32_t capacity_ = 1024;
 };
 
 bool operator==(const MiStringBuffer& a, const MiStringBuffer& b) noexcept;

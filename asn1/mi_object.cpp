@@ -1,0 +1,3 @@
+#include "asn1/mi_object.h"
+
+MiObject::~MiObject() = default;
