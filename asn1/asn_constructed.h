@@ -320,7 +320,7 @@ class AsnListOf : public AsnObject {
     std::vector<const AsnObject*> items;
     items.reserve(m_values.size());
     for (const auto& v : m_values) items.push_back(v.get());
-    kv_asn::DumpList(*this, IsSet ? "SET OF : " : "SEQUENCE OF : ", os, indent, items.data(),
+    kv_asn::DumpList(*this, IsSet ? "SET : " : "SEQUENCE : ", os, indent, items.data(),
                      static_cast<unsigned>(items.size()));
   }
 

@@ -91,6 +91,16 @@ class MiString : public MiObject {
   // [start, end); MiInvalidArgumentExp when start > end, MiOutOfRangeExp when
   // end > length.
   MiString SubString(unsigned start, unsigned end) const;
+  // Any other integer type for end (a negative end is out of range); keeps
+  // SubString(1, 3) from being read as a stop character.
+  template <typename I, typename = std::enable_if_t<std::is_integral<I>::value &&
+                                                    !std::is_same<I, char>::value>>
+  MiString SubString(unsigned start, I end) const {
+    if (kv_mi_is_negative(end) || static_cast<uint64_t>(end) > 0xFFFFFFFFu) {
+      throw MiOutOfRangeExp();
+    }
+    return SubString(start, static_cast<unsigned>(end));
+  }
   // From start up to the first stop at or after start (or the end); empty when
   // start >= length.
   MiString SubString(unsigned start, char stop) const;
