@@ -19,3 +19,6 @@
 #include "asn1/mi_string.h"
 #include "asn1/mi_string_buffer.h"
 #include "asn1/mi_time.h"
+
+// The generated PKI type catalogue.
+#include "asn1/types/types.h"
