@@ -1,2 +1,4 @@
 // Umbrella header of the PKI objects and flat interface.
 #pragma once
+#include "pki/base64.h"
+#include "pki/errors.h"
