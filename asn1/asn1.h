@@ -19,3 +19,6 @@
 #include "asn1/asn_instance_of.h"
 #include "asn1/asn_any.h"
 #include "asn1/asn_ostream.h"
+
+// The generated PKI type catalogue.
+#include "asn1/types/types.h"

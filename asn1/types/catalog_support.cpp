@@ -1,0 +1,30 @@
+#include "asn1/types/internal/catalog_support.h"
+
+namespace kv_catalog {
+
+void Assign(AsnObject* slot, const AsnObject& value, TagRule rule) {
+  if (slot == &value) {
+    slot->SetAsnPresent(true);
+    return;
+  }
+  const MiString name = slot->GetAsnName();
+  const AsnTag tag = slot->GetAsnTag();
+  const ASN_STATE state = slot->GetAsnState();
+  const bool anyType = slot->IsAsnAnyType();
+  slot->Reset(&value);
+  slot->SetAsnName(name);
+  slot->SetAsnState(state);
+  slot->SetAsnAnyType(anyType);
+  // The value's form stays: an implicit tag on a SET OF is still constructed.
+  if (rule == KEEP_TAG) slot->SetAsnTag(tag.tagClass, tag.tagMode, tag.tagNumber);
+  slot->SetAsnPresent(true);
+}
+
+void AssignInner(AsnObject* container, const AsnObject& value) {
+  AsnContainer* c = static_cast<AsnContainer*>(container);
+  if (!c->GetData()) throw AsnDataExp();
+  Assign(c->GetData(), value, TAKE_TAG);
+  c->SetAsnPresent(true);
+}
+
+}  // namespace kv_catalog
