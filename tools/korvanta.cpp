@@ -65,9 +65,13 @@ int Fail(const std::string& where, const std::string& message) {
   return 1;
 }
 
-bool IsHelp(const std::string& a) { return a == "--help" || a == "-h"; }
+bool IsHelp(const std::string& a) {
+  return a == "--help" || a == "-h";
+}
 
-std::string Text(const MiString& s) { return std::string(s.GetChars() ? s.GetChars() : "", s.GetLength()); }
+std::string Text(const MiString& s) {
+  return std::string(s.GetChars() ? s.GetChars() : "", s.GetLength());
+}
 
 // Replaces a PKCS#7 message's open content by its typed structure, so the dump
 // names its fields. Content we cannot type stays as it was decoded.
@@ -122,7 +126,7 @@ int Dump(const std::vector<std::string>& args) {
     } else if (a == "--type" || a == "-t") {
       if (i + 1 >= args.size()) return Usage("--type needs a class name", kDumpHelp);
       type = args[++i];
-    } else if (a.size() > 1 && a[0] == '-' ) {
+    } else if (a.size() > 1 && a[0] == '-') {
       return Usage("unknown option " + a, kDumpHelp);
     } else if (haveFile) {
       return Usage("dump takes one input", kDumpHelp);

@@ -16,7 +16,9 @@ struct Node {
   std::string oid;  // for OBJECT IDENTIFIER nodes
   std::vector<Node> kids;
 
-  bool Is(uint32_t universal) const { return cls == ASN_TAG_CLASS_UNIVERSAL && number == universal; }
+  bool Is(uint32_t universal) const {
+    return cls == ASN_TAG_CLASS_UNIVERSAL && number == universal;
+  }
   bool IsSeq() const { return Is(ASN_TAG_SEQUENCE) && constructed; }
   bool IsContext(uint32_t n) const { return cls == ASN_TAG_CLASS_CONTEXT && number == n; }
   bool IsTime() const { return Is(ASN_TAG_UTC_TIME) || Is(ASN_TAG_GENERALIZED_TIME); }
@@ -50,7 +52,9 @@ bool AllIntegers(const Node& n) {
   return true;
 }
 
-bool IsAlgorithmIdentifier(const Node& n) { return n.IsSeq() && n.At(0).Is(ASN_TAG_OID); }
+bool IsAlgorithmIdentifier(const Node& n) {
+  return n.IsSeq() && n.At(0).Is(ASN_TAG_OID);
+}
 
 // Certificate, CRL and request share the shape { tbs, algorithm, signature };
 // the to-be-signed part tells them apart.
@@ -122,8 +126,7 @@ std::string RecogniseDer(const std::string& der) {
   if (k.size() == 2 && IsAlgorithmIdentifier(k[0]) && k[1].Is(ASN_TAG_OCTET_STRING)) {
     return "EncryptedPrivateKeyInfo";
   }
-  if (k.size() == 3 && k[0].IsSeq() && IsAlgorithmIdentifier(k[1]) &&
-      k[2].Is(ASN_TAG_BIT_STRING)) {
+  if (k.size() == 3 && k[0].IsSeq() && IsAlgorithmIdentifier(k[1]) && k[2].Is(ASN_TAG_BIT_STRING)) {
     return SignedKind(k[0]);
   }
   return std::string();
