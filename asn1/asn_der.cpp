@@ -475,7 +475,8 @@ unsigned AsnDerDecode::DecodeLength(unsigned& length, const MiByte& in, unsigned
     length = 0;
     return 1;
   }
-  if (k > 4 || pos + k >= in.GetLength()) throw MiRangeExp();
+  // The length octets may not run to the end of the input (nor past it).
+  if (k > 4 || pos + k + 1 >= in.GetLength()) throw MiRangeExp();
   unsigned v = 0;
   for (unsigned i = 1; i <= k; ++i) v = (v << 8) | p[pos + i];
   length = v;

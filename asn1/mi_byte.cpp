@@ -127,7 +127,8 @@ void MiByte::SetLength(unsigned n) {
     Assign(nullptr, 0);
     return;
   }
-  char* block = CopyBlock(data_, n < length_ ? n : length_);
+  char* block = kv_mi::AllocZero(static_cast<std::size_t>(n) + 1);
+  if (length_ != 0) std::memcpy(block, data_, n < length_ ? n : length_);
   kv_mi::Free(data_);
   data_ = block;
   length_ = n;

@@ -3,4 +3,24 @@
 #include "crypto/crypto.h"
 #include "pki/pki.h"
 
-int main() { return 0; }
+// Encodes SEQUENCE { n INTEGER, name IA5String } and decodes it back.
+static bool Asn1RoundTrip() {
+  AsnSequence s;
+  AsnInteger n(-129);
+  n.SetAsnName("n");
+  s.AddElement(&n);
+  AsnIA5String name("korvanta");
+  name.SetAsnName("name");
+  s.AddElement(&name);
+  s.Set("n", &n);
+  s.Set("name", &name);
+  MiByteBuffer out;
+  s.DerEncode(out, 0);
+  AsnSequence back(s);
+  back.Reset(nullptr);
+  return back.DerDecode(out.GetByte(), 0) == out.GetLength() && back.EqualsContent(&s);
+}
+
+int main() {
+  return Asn1RoundTrip() ? 0 : 1;
+}

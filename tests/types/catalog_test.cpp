@@ -191,6 +191,49 @@ TEST(Choice, SignedDataCertificatesAsSequenceOfStayASequenceOf) {
   EXPECT_EQ(Encode(*back.GetCertificates()->GetCertSequence()->Get(0)), firstGiven);
 }
 
+// ---- the system's own coding rules, seen through the catalogue
+
+TEST(Rules, ABooleanTrueReadAs01IsWrittenAsFF) {
+  std::string der = FirstCert("x509/cryptography.io.pem");
+  // The first critical flag of the extensions, patched to the non-DER 01.
+  size_t at = der.find(std::string("\x01\x01\xFF", 3));
+  ASSERT_NE(at, std::string::npos);
+  std::string patched = der;
+  patched[at + 2] = '\x01';
+  Certificate cert;
+  EXPECT_NE(RoundTrip(cert, patched), "");
+  EXPECT_EQ(Encode(cert), der);
+}
+
+TEST(Rules, AUtcTimeWithoutSecondsIsWrittenWithThem) {
+  X509Time t;
+  EXPECT_NE(RoundTrip(t, std::string("\x17\x0B"
+                                     "1406040809Z",
+                                     13)),
+            "");
+  EXPECT_EQ(Encode(t), std::string("\x17\x0D"
+                                   "140604080900Z",
+                                   15));
+  ASSERT_NE(t.GetUtcTime(), nullptr);
+  EXPECT_EQ(t.GetUtcTime()->GetTime().GetMinute(), 9);
+}
+
+TEST(Rules, APrintableStringOutsideTheSystemsSetIsRefused) {
+  // EDIPartyName: partyName [1] DirectoryString, here a PrintableString
+  // "it's": the apostrophe is not in the system's printable set.
+  EDIPartyName edi;
+  std::string ok(
+      "\x30\x08\xA1\x06\x13\x04"
+      "it`s",
+      10);
+  EXPECT_EQ(RoundTrip(edi, ok), "");
+  std::string bad(
+      "\x30\x08\xA1\x06\x13\x04"
+      "it's",
+      10);
+  EXPECT_THROW(edi.DerDecode(ToMiByte(bad), 0), MiInvalidArgumentExp);
+}
+
 // ---- values
 
 TEST(Values, CopiesAndClonesAreDeep) {

@@ -57,6 +57,11 @@ const std::vector<std::string>& LabelsOf(const std::string& type) {
       {"CertificateList", {"X509 CRL"}},
       {"CertificationRequest", {"CERTIFICATE REQUEST", "NEW CERTIFICATE REQUEST"}},
       {"ContentInfo", {"PKCS7"}},
+      {"RSAPrivateKey", {"RSA PRIVATE KEY"}},
+      {"RSAPublicKey", {"RSA PUBLIC KEY"}},
+      {"PrivateKeyInfo", {"PRIVATE KEY"}},
+      {"EncryptedPrivateKeyInfo", {"ENCRYPTED PRIVATE KEY"}},
+      {"SubjectPublicKeyInfo", {"PUBLIC KEY"}},
   };
   static const std::vector<std::string> none;
   auto it = labels.find(type);
@@ -70,6 +75,11 @@ std::unique_ptr<AsnObject> Make(const std::string& type) {
   if (type == "CertificatePair") return std::make_unique<CertificatePair>();
   if (type == "ContentInfo") return std::make_unique<ContentInfo>();
   if (type == "PFX") return std::make_unique<PFX>();
+  if (type == "RSAPrivateKey") return std::make_unique<RSAPrivateKey>();
+  if (type == "RSAPublicKey") return std::make_unique<RSAPublicKey>();
+  if (type == "PrivateKeyInfo") return std::make_unique<PrivateKeyInfo>();
+  if (type == "EncryptedPrivateKeyInfo") return std::make_unique<EncryptedPrivateKeyInfo>();
+  if (type == "SubjectPublicKeyInfo") return std::make_unique<SubjectPublicKeyInfo>();
   return nullptr;
 }
 
@@ -207,6 +217,22 @@ std::string CheckContentInfo(const ContentInfo& ci) {
 
 std::string CheckSafeContents(const std::string& der, int depth);
 
+std::string CheckPrivateKeyInfo(const PrivateKeyInfo& pki) {
+  if (OidOf(pki.GetPrivateKeyAlgorithm()->GetAlgorithm()) != "1.2.840.113549.1.1.1") return "";
+  ++g_nested["key RSAPrivateKey"];
+  std::string msg = Exact<RSAPrivateKey>(ToString(pki.GetPrivateKey()->GetData()));
+  return msg.empty() ? "" : "RSAPrivateKey: " + msg;
+}
+
+// PKCS #12 password-based encryption carries PKCS12PbeParams.
+std::string CheckEncryptedKey(const EncryptedPrivateKeyInfo& epki) {
+  const AlgorithmIdentifier* alg = epki.GetEncryptionAlgorithm();
+  if (OidOf(alg->GetAlgorithm()).rfind("1.2.840.113549.1.12.1.", 0) != 0) return "";
+  ++g_nested["pbe PKCS12PbeParams"];
+  std::string msg = Exact<PKCS12PbeParams>(ToString(alg->GetParameters()->GetEncoded()));
+  return msg.empty() ? "" : "PKCS12PbeParams: " + msg;
+}
+
 std::string CheckBag(const SafeBag& bag, int depth) {
   std::string id = OidOf(bag.GetBagId());
   std::string value = ToString(bag.GetBagValue()->GetEncoded());
@@ -281,6 +307,9 @@ std::string CheckStructure(const std::string& type, const std::string& der) {
   if (type == "CertificationRequest") return CheckRequest(static_cast<CertificationRequest&>(*obj));
   if (type == "ContentInfo") return CheckContentInfo(static_cast<ContentInfo&>(*obj));
   if (type == "PFX") return CheckPfx(static_cast<PFX&>(*obj));
+  if (type == "PrivateKeyInfo") return CheckPrivateKeyInfo(static_cast<PrivateKeyInfo&>(*obj));
+  if (type == "EncryptedPrivateKeyInfo")
+    return CheckEncryptedKey(static_cast<EncryptedPrivateKeyInfo&>(*obj));
   return "";
 }
 

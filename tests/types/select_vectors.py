@@ -3,8 +3,8 @@
 
 Run by hand with the Debian Python (it needs python3-cryptography):
     /usr/bin/python3 tests/types/select_vectors.py > tests/data/types/vectors.lst
-then move the files that cannot round-trip exactly, by the system's own
-rules, from "exact" to their reason (see the list's header).
+Files that cannot round-trip exactly by the system's own rules are given
+their expectation and reason in OVERRIDES below.
 
 A file is well-formed when every PEM block (or the file itself) is strict
 DER (definite, minimal lengths; constructed encodings nest exactly) and
@@ -19,10 +19,13 @@ import subprocess
 import sys
 
 from cryptography import x509
+from cryptography.hazmat.primitives import serialization
 from cryptography.hazmat.primitives.serialization import pkcs12
 
 VECTORS = "/usr/lib/python3/dist-packages/cryptography_vectors"
-FOLDERS = ["x509", "pkcs7", "pkcs12"]
+FOLDERS = ["x509", "pkcs7", "pkcs12", "asymmetric/PKCS8", "asymmetric/PEM_Serialization",
+           "asymmetric/Traditional_OpenSSL_Serialization", "asymmetric/public/PKCS1"]
+KEY_FOLDER = "asymmetric/"
 SKIP_DIRS = {"x509/ocsp", "x509/PKITS_data/smime"}
 SKIP_SUFFIXES = (".ldif", ".schema", ".txt", ".eml")
 PEM_TYPES = {
@@ -32,9 +35,47 @@ PEM_TYPES = {
     "CERTIFICATE REQUEST": "CertificationRequest",
     "NEW CERTIFICATE REQUEST": "CertificationRequest",
     "PKCS7": "ContentInfo",
+    "RSA PRIVATE KEY": "RSAPrivateKey",
+    "RSA PUBLIC KEY": "RSAPublicKey",
+    "PRIVATE KEY": "PrivateKeyInfo",
+    "ENCRYPTED PRIVATE KEY": "EncryptedPrivateKeyInfo",
+    "PUBLIC KEY": "SubjectPublicKeyInfo",
 }
+# Keys count only in the key folders; beside a certificate they are not ours.
+KEY_TYPES = {"RSAPrivateKey", "RSAPublicKey", "PrivateKeyInfo", "EncryptedPrivateKeyInfo",
+             "SubjectPublicKeyInfo"}
 PEM_RE = re.compile(rb"-----BEGIN ([A-Z0-9 ]+)-----(.*?)-----END \1-----", re.S)
 PASSWORDS = [None, b"cryptography", b"password"]
+
+HEADER = """\
+# Real-data round trips: path (under the python-cryptography vectors, or
+# mozilla/NAME for a system root), type, pem|der, expectation.
+# Written by tests/types/select_vectors.py: edit that script, not this list.
+#
+# Expectations:
+#   exact            decodes, and every nested structure the test knows
+#                    (extensions, SignedData, PFX bags, keys) re-encodes to
+#                    the same octets.
+#   malformed        refused by the oracles (not strict DER, or not loadable
+#                    by python-cryptography/OpenSSL): decoding may succeed
+#                    (our reading is lax by design) or raise a MiException,
+#                    never anything else.
+#   refused:REASON   well-formed outside, but a nested value cannot be read
+#                    as its type: a MiException is raised.
+#   differs:REASON   decodes, but our rules re-encode it otherwise; our
+#                    encoding then round-trips exactly.
+# Reasons used:
+#   x400address-holds-no-ORAddress  the x400Address name carries a bare
+#                    PrintableString where an ORAddress SEQUENCE belongs.
+#   empty-extension-value  a certificateIssuer entry extension with an empty
+#                    OCTET STRING: decoding an empty input is an invalid
+#                    argument.
+# System roots not listed are expected to be exact."""
+
+OVERRIDES = {
+    "x509/san_x400address.der": "refused:x400address-holds-no-ORAddress",
+    "x509/custom/crl_inval_cert_issuer_entry_ext.pem": "refused:empty-extension-value",
+}
 
 
 def strict_der(data, pos=0, end=None):
@@ -92,6 +133,12 @@ def loads(kind, der):
             # Any content type, enveloped data too.
             return subprocess.run(["openssl", "pkcs7", "-inform", "DER", "-noout"],
                                   input=der, capture_output=True).returncode == 0
+        elif kind in ("RSAPrivateKey", "PrivateKeyInfo"):
+            serialization.load_der_private_key(der, None)
+        elif kind in ("RSAPublicKey", "SubjectPublicKeyInfo"):
+            serialization.load_der_public_key(der)
+        elif kind == "EncryptedPrivateKeyInfo":
+            return True  # password unknown: strict DER is the test
         elif kind == "CertificatePair":
             return True  # no reader of its own: strict DER is the test
         elif kind == "PFX":
@@ -124,7 +171,11 @@ def classify(path, rel):
     blocks = PEM_RE.findall(data)
     if blocks:
         # Keys and other blocks beside the structures are not ours.
-        blocks = [(label, body) for label, body in blocks if label.decode() in PEM_TYPES]
+        in_keys = rel.startswith(KEY_FOLDER)
+        blocks = [(label, body) for label, body in blocks
+                  if label.decode() in PEM_TYPES
+                  and (PEM_TYPES[label.decode()] in KEY_TYPES) == in_keys
+                  and b"Proc-Type:" not in body]
         kinds = {PEM_TYPES[label.decode()] for label, _ in blocks}
         if len(kinds) != 1:
             return None, "pem", None
@@ -137,6 +188,8 @@ def classify(path, rel):
                 return kind, "pem", "malformed"
             ok = ok and whole_der(der) and loads(kind, der)
         return kind, "pem", "exact" if ok else "malformed"
+    if rel.startswith(KEY_FOLDER):
+        return None, "der", None
     candidates = guess_der_kind(rel, data)
     if whole_der(data):
         for kind in candidates:
@@ -162,8 +215,8 @@ def main():
                 if verdict is None:
                     continue
                 rows.append((rel, kind, form, verdict))
-    print("# Real-data round trips: path (under the python-cryptography vectors),")
-    print("# type, pem|der, expectation. Written by tests/types/select_vectors.py.")
+    rows = [(r[0], r[1], r[2], OVERRIDES.get(r[0], r[3])) for r in rows]
+    print(HEADER)
     for row in rows:
         print("%s %s %s %s" % row)
     counts = {}
