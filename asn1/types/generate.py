@@ -158,6 +158,30 @@ def header(types):
             out.append("  const %s* Get%s() const;\n" % (e.cpp_type, e.op))
             out.append("  void Set%s(const %s& value);\n" % (e.op, e.cpp_type))
         out.append("\n protected:\n  void SetupElements() override;\n};\n")
+    out.append("\n// The catalogue by name, for tools that are told a class at run time.\n"
+               "// A new default object of the class called name, or null when there is none.\n"
+               "AsnObject* CreatePkiType(const char* name);\n"
+               "// The class names in alphabetical order; PkiTypeName is null past the end.\n"
+               "unsigned PkiTypeCount();\nconst char* PkiTypeName(unsigned i);\n")
+    return "".join(out)
+
+
+def registry(types):
+    names = sorted(t.name for t in types)
+    out = [HEADER_NOTE, "#include <cstring>\n\n#include \"asn1/types/types.h\"\n\n"
+           "namespace {\n\nstruct Entry {\n  const char* name;\n  AsnObject* (*make)();\n};\n\n"
+           "const Entry kEntries[] = {\n"]
+    for n in names:
+        out.append("    {\"%s\", []() -> AsnObject* { return new %s(); }},\n" % (n, n))
+    out.append("};\n\nconst unsigned kCount = sizeof(kEntries) / sizeof(kEntries[0]);\n\n"
+               "}  // namespace\n\n"
+               "AsnObject* CreatePkiType(const char* name) {\n"
+               "  if (!name) return nullptr;\n"
+               "  for (const Entry& e : kEntries)\n"
+               "    if (std::strcmp(e.name, name) == 0) return e.make();\n"
+               "  return nullptr;\n}\n\n"
+               "unsigned PkiTypeCount() { return kCount; }\n\n"
+               "const char* PkiTypeName(unsigned i) { return i < kCount ? kEntries[i].name : nullptr; }\n")
     return "".join(out)
 
 
@@ -224,7 +248,7 @@ def source(types, index):
 
 def generate(out_dir):
     types = read_table(TABLE)
-    files = {"types.h": header(types)}
+    files = {"types.h": header(types), "types_registry.cpp": registry(types)}
     per_file = -(-len(types) // SOURCE_FILES)
     for i in range(SOURCE_FILES):
         chunk = types[i * per_file:(i + 1) * per_file]

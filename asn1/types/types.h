@@ -2366,3 +2366,10 @@ class RC2_CBC_parameter : public AsnSequence {
  protected:
   void SetupElements() override;
 };
+
+// The catalogue by name, for tools that are told a class at run time.
+// A new default object of the class called name, or null when there is none.
+AsnObject* CreatePkiType(const char* name);
+// The class names in alphabetical order; PkiTypeName is null past the end.
+unsigned PkiTypeCount();
+const char* PkiTypeName(unsigned i);
