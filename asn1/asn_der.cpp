@@ -24,6 +24,49 @@ unsigned LengthOctets(unsigned n, unsigned char buf[5]) {
   return k + 1;
 }
 
+// Identifier octets of tag, appended to out (the octets of
+// AsnDerEncode::EncodeTag). Returns their number.
+inline unsigned PutTag(const AsnTag& tag, MiByteBuffer& out) {
+  unsigned char first = static_cast<unsigned char>(tag.tagClass & 0xC0);
+  first |=
+      tag.tagMode == ASN_TAG_MODE_EXPLICIT ? 0x20 : static_cast<unsigned char>(tag.tagForm & 0x20);
+  if (tag.tagNumber < 31) {
+    out.Append(static_cast<unsigned char>(first | tag.tagNumber));
+    return 1;
+  }
+  unsigned char buf[6];
+  buf[0] = static_cast<unsigned char>(first | 0x1F);
+  unsigned char groups[5];
+  unsigned g = 0;
+  uint32_t v = tag.tagNumber;
+  do {
+    groups[g++] = static_cast<unsigned char>(v & 0x7F);
+    v >>= 7;
+  } while (v);
+  unsigned n = 1;
+  while (g > 0) {
+    --g;
+    buf[n++] = static_cast<unsigned char>(groups[g] | (g ? 0x80 : 0));
+  }
+  out.Append(reinterpret_cast<const char*>(buf), n);
+  return n;
+}
+
+// The length step of the DER encoding, done in place: the caller has written
+// t identifier octets at pos, then appended one placeholder octet and c
+// content octets after it. A one-octet length fills the placeholder, so short
+// content is never moved; a longer one moves the content once. Same octets as
+// inserting EncodeLength(c) between identifier and content. Returns the size
+// of the whole encoding.
+inline unsigned PutContentAndLength(unsigned c, MiByteBuffer& out, unsigned pos, unsigned t) {
+  unsigned char buf[5];
+  const unsigned k = LengthOctets(c, buf);
+  char* p = out.GetChars();
+  p[pos + t] = static_cast<char>(buf[0]);
+  if (k > 1) out.Insert(pos + t + 1, reinterpret_cast<const char*>(buf + 1), k - 1);
+  return out.GetLength() - pos;
+}
+
 const unsigned char* Bytes(const MiByte& in) {
   return in.GetBytes();
 }
@@ -90,20 +133,17 @@ unsigned EncodeObject(AsnEncode& enc, const AsnObject& obj, MiByteBuffer& out, u
     out.Append(*obj.GetSavedByte());
     return obj.GetSavedByte()->GetLength();
   }
-  unsigned t = enc.EncodeTag(obj.GetAsnTag(), out, pos);
   if (typeid(enc) == typeid(AsnDerEncode)) {
-    // Same octets as EncodeLength + insert, but a one-octet length is written
-    // in place, so short content is never moved.
-    out.Append(static_cast<unsigned char>(0));
-    unsigned c = obj.EncodeContent(enc, out, pos + t + 1);
-    unsigned char buf[5];
-    unsigned k = LengthOctets(c, buf);
-    out.SetCharAt(pos + t, buf[0]);
-    if (k > 1) out.Insert(pos + t + 1, reinterpret_cast<const char*>(buf + 1), k - 1);
-  } else {
-    unsigned c = obj.EncodeContent(enc, out, pos + t);
-    out.Insert(pos + t, enc.EncodeLength(c));
+    // The DER visitor's own tag and length octets are written here without
+    // going through the virtual slots (a subclass that overrides them takes
+    // the general path below).
+    const unsigned t = PutTag(obj.GetAsnTag(), out);
+    out.Append(static_cast<unsigned char>(0));  // length placeholder
+    return PutContentAndLength(obj.EncodeContent(enc, out, pos + t + 1), out, pos, t);
   }
+  unsigned t = enc.EncodeTag(obj.GetAsnTag(), out, pos);
+  unsigned c = obj.EncodeContent(enc, out, pos + t);
+  out.Insert(pos + t, enc.EncodeLength(c));
   return out.GetLength() - pos;
 }
 
@@ -209,17 +249,22 @@ unsigned AsnDerEncode::Encode(const AsnChoice& obj, MiByteBuffer& out, unsigned 
   if (!alt) throw AsnEncodeExp();
   // An untagged nested choice writes its own selection.
   if (alt->IsAsnChoice()) return alt->Encode(*this, out, pos);
+  if (typeid(*this) == typeid(AsnDerEncode)) {
+    const unsigned t = PutTag(alt->GetAsnTag(), out);
+    out.Append(static_cast<unsigned char>(0));  // length placeholder
+    return PutContentAndLength(alt->EncodeContent(*this, out, pos + t + 1), out, pos, t);
+  }
   unsigned t = EncodeTag(alt->GetAsnTag(), out, pos);
   unsigned c = alt->EncodeContent(*this, out, pos + t);
-  unsigned char buf[5];
-  unsigned k = LengthOctets(c, buf);
-  out.Insert(pos + t, reinterpret_cast<const char*>(buf), k);
+  out.Insert(pos + t, EncodeLength(c));
   return out.GetLength() - pos;
 }
 
+// The saved-content check is spelled out so that the usual case (no saved
+// octets) costs no call.
 #define KV_BEGIN_CONTENT(obj)                                             \
   out.SetLength(pos);                                                     \
-  {                                                                       \
+  if (obj.GetAsnByteType() == ASN_BYTE_CONTENT && obj.GetSavedByte()) {   \
     unsigned saved_ = 0;                                                  \
     if (kv_asn::EncodeSavedContent(obj, out, pos, saved_)) return saved_; \
   }
@@ -256,10 +301,15 @@ unsigned AsnDerEncode::EncodeContent(const AsnSequence& obj, MiByteBuffer& out, 
   KV_BEGIN_CONTENT(obj)
   const AsnElementList& l = obj.Elements();
   const unsigned n = l.Size();
-  if (n == 0) return 0;
-  std::vector<const AsnObject*> items(n);
-  for (unsigned i = 0; i < n; ++i) items[i] = l.At(i);
-  return EncodeElements(*this, items.data(), n, out, pos);
+  for (unsigned i = 0; i < n; ++i) {
+    const AsnObject* e = l.At(i);
+    if (e->IsAsnPresent()) {
+      e->Encode(*this, out, out.GetLength());
+    } else if (e->GetAsnState() != ASN_STATE_OPTIONAL && e->GetAsnState() != ASN_STATE_DEFAULT) {
+      throw AsnEncodeExp();
+    }
+  }
+  return out.GetLength() - pos;
 }
 
 unsigned AsnDerEncode::EncodeContent(const AsnSet& obj, MiByteBuffer& out, unsigned pos) {
@@ -267,7 +317,15 @@ unsigned AsnDerEncode::EncodeContent(const AsnSet& obj, MiByteBuffer& out, unsig
   const AsnElementList& l = obj.Elements();
   const unsigned n = l.Size();
   if (n == 0) return 0;
-  std::vector<const AsnObject*> items(n);
+  // The order is worked out on a copy of the element pointers: on the stack
+  // for the usual small SET, on the heap otherwise.
+  const AsnObject* local[16];
+  std::vector<const AsnObject*> heap;
+  const AsnObject** items = local;
+  if (n > 16) {
+    heap.resize(n);
+    items = heap.data();
+  }
   for (unsigned i = 0; i < n; ++i) items[i] = l.At(i);
   // The toolkit's pairwise SET order: exchange when j's class is not above
   // i's (signed) and j's number is below i's. Nothing else is compared.
@@ -279,7 +337,7 @@ unsigned AsnDerEncode::EncodeContent(const AsnSet& obj, MiByteBuffer& out, unsig
           tj.tagNumber < ti.tagNumber)
         std::swap(items[i], items[j]);
     }
-  return EncodeElements(*this, items.data(), n, out, pos);
+  return EncodeElements(*this, items, n, out, pos);
 }
 
 #define KV_NARROW_CONTENT(T)                                                            \
@@ -298,12 +356,21 @@ KV_NARROW_CONTENT(AsnIA5String)
 
 unsigned AsnDerEncode::EncodeContent(const AsnUTF8String& obj, MiByteBuffer& out, unsigned pos) {
   KV_BEGIN_CONTENT(obj)
-  std::string s;
-  s.reserve(obj.GetCount());
-  for (unsigned i = 0; i < obj.GetCount(); ++i)
-    kv_asn::AppendUtf8(s, obj.GetQuadruples()[i].Code());
-  AppendRaw(out, s.data(), s.size());
-  return static_cast<unsigned>(s.size());
+  // ASCII goes straight into the buffer; other characters through AppendUtf8
+  // (a few octets, kept in the string's own small buffer).
+  const AsnQuadruple* q = obj.GetQuadruples();
+  const unsigned count = obj.GetCount();
+  for (unsigned i = 0; i < count; ++i) {
+    const uint32_t code = q[i].Code();
+    if (code < 0x80) {
+      out.Append(static_cast<unsigned char>(code));
+    } else {
+      std::string s;
+      kv_asn::AppendUtf8(s, code);
+      AppendRaw(out, s.data(), s.size());
+    }
+  }
+  return out.GetLength() - pos;
 }
 
 unsigned AsnDerEncode::EncodeContent(const AsnUniversalString& obj, MiByteBuffer& out,
@@ -315,14 +382,12 @@ unsigned AsnDerEncode::EncodeContent(const AsnUniversalString& obj, MiByteBuffer
 
 unsigned AsnDerEncode::EncodeContent(const AsnBMPString& obj, MiByteBuffer& out, unsigned pos) {
   KV_BEGIN_CONTENT(obj)
-  std::string s;
-  s.reserve(2u * obj.GetCount());
+  const AsnQuadruple* q = obj.GetQuadruples();
   for (unsigned i = 0; i < obj.GetCount(); ++i) {
-    s.push_back(static_cast<char>(obj.GetQuadruples()[i].row));
-    s.push_back(static_cast<char>(obj.GetQuadruples()[i].cell));
+    out.Append(static_cast<unsigned char>(q[i].row));
+    out.Append(static_cast<unsigned char>(q[i].cell));
   }
-  AppendRaw(out, s.data(), s.size());
-  return static_cast<unsigned>(s.size());
+  return 2u * obj.GetCount();
 }
 
 unsigned AsnDerEncode::EncodeContent(const AsnNull& obj, MiByteBuffer& out, unsigned pos) {
@@ -351,8 +416,14 @@ unsigned AsnDerEncode::EncodeContent(const AsnGeneralizedTime& obj, MiByteBuffer
 
 unsigned AsnDerEncode::EncodeContent(const AsnOid& obj, MiByteBuffer& out, unsigned pos) {
   KV_BEGIN_CONTENT(obj)
-  std::string oct;
   const MiString& text = obj.GetData();
+  unsigned char quick[kv_asn::kOidQuickOctets];
+  unsigned n = 0;
+  if (kv_asn::OidTextToOctetsQuick(text.GetChars(), text.GetLength(), quick, n)) {
+    AppendRaw(out, quick, n);
+    return n;
+  }
+  std::string oct;
   if (!kv_asn::OidTextToOctets(text.GetChars(), text.GetLength(), oct)) throw AsnDataExp();
   AppendRaw(out, oct.data(), oct.size());
   return static_cast<unsigned>(oct.size());
@@ -402,29 +473,7 @@ unsigned AsnDerEncode::EncodeContent(const AsnBoolean& obj, MiByteBuffer& out, u
 
 unsigned AsnDerEncode::EncodeTag(const AsnTag& tag, MiByteBuffer& out, unsigned pos) {
   out.SetLength(pos);
-  unsigned char first = static_cast<unsigned char>(tag.tagClass & 0xC0);
-  first |=
-      tag.tagMode == ASN_TAG_MODE_EXPLICIT ? 0x20 : static_cast<unsigned char>(tag.tagForm & 0x20);
-  if (tag.tagNumber < 31) {
-    out.Append(static_cast<unsigned char>(first | tag.tagNumber));
-    return 1;
-  }
-  unsigned char buf[6];
-  buf[0] = static_cast<unsigned char>(first | 0x1F);
-  unsigned char groups[5];
-  unsigned g = 0;
-  uint32_t v = tag.tagNumber;
-  do {
-    groups[g++] = static_cast<unsigned char>(v & 0x7F);
-    v >>= 7;
-  } while (v);
-  unsigned n = 1;
-  while (g > 0) {
-    --g;
-    buf[n++] = static_cast<unsigned char>(groups[g] | (g ? 0x80 : 0));
-  }
-  AppendRaw(out, buf, n);
-  return n;
+  return PutTag(tag, out);
 }
 
 MiByte AsnDerEncode::EncodeLength(unsigned length) {

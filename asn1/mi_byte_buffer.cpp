@@ -127,12 +127,8 @@ void MiByteBuffer::EnsureCapacity(unsigned n) {
   capacity_ = cap;
 }
 
-void MiByteBuffer::SetLength(unsigned n) {
-  if (n <= length_) {
-    length_ = n;
-    Terminate();
-    return;
-  }
+// SetLength beyond the current length (the cut-back case is inline).
+void MiByteBuffer::GrowLength(unsigned n) {
   uint32_t cap = kv_mi::NextCapacity(capacity_, n, false);
   if (cap != capacity_ || data_ == nullptr) {
     // The new block is zero-filled already.
@@ -205,7 +201,7 @@ void MiByteBuffer::InsertBytes(unsigned pos, const char* p, unsigned n) {
   Terminate();
 }
 
-MiByteBuffer& MiByteBuffer::Append(const char* p, unsigned n) {
+MiByteBuffer& MiByteBuffer::AppendSlow(const char* p, unsigned n) {
   if (p == nullptr || n == 0) return *this;
   uint32_t need = Need(length_, n);
   if (KeepsCapacity(need)) {

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <iosfwd>
 
 #include "asn1/mi_byte.h"
@@ -46,7 +47,15 @@ class MiByteBuffer : public MiObject {
   // Only grows: doubles the capacity until it is >= n.
   void EnsureCapacity(unsigned n);
   // Growing zero-fills the new bytes; shrinking only lowers the length.
-  void SetLength(unsigned n);
+  // Inline for the cut-back case, which the DER encoder does on every value.
+  void SetLength(unsigned n) {
+    if (n <= length_) {
+      length_ = n;
+      Terminate();
+      return;
+    }
+    GrowLength(n);
+  }
 
   // Replace the content by a copy of the given range. A null source or a zero
   // count leaves the content as it is; a range outside a MiByte source raises
@@ -70,7 +79,17 @@ class MiByteBuffer : public MiObject {
     }
     return Append(reinterpret_cast<const char*>(&c), 1u);
   }
-  MiByteBuffer& Append(const char* p, unsigned n);
+  MiByteBuffer& Append(const char* p, unsigned n) {
+    // Fast path for the common case (the block has room): a plain copy.
+    if (p != nullptr && n != 0 && KeepsCapacity(static_cast<uint64_t>(length_) + n) &&
+        !InBlock(p)) {
+      std::memcpy(data_ + length_, p, n);
+      length_ += n;
+      data_[length_] = 0;
+      return *this;
+    }
+    return AppendSlow(p, n);
+  }
   MiByteBuffer& Append(const char* p, unsigned offset, unsigned n);
   MiByteBuffer& Append(const MiByte* bytes);
   MiByteBuffer& Append(const MiByte& bytes);
@@ -121,6 +140,12 @@ class MiByteBuffer : public MiObject {
   bool KeepsCapacity(uint64_t need) const noexcept {
     return data_ != nullptr && need <= capacity_ && (capacity_ <= 2048 || 2 * need >= capacity_);
   }
+  // p lies in the current block (copying from it needs memmove).
+  bool InBlock(const char* p) const noexcept {
+    return data_ != nullptr && p >= data_ && p < data_ + capacity_ + 1;
+  }
+  void GrowLength(unsigned n);
+  MiByteBuffer& AppendSlow(const char* p, unsigned n);
   void AssignContent(const char* p, unsigned n);
   void InsertBytes(unsigned pos, const char* p, unsigned n);
   void Terminate() noexcept {

@@ -94,6 +94,48 @@ bool OidTextToOctets(const char* text, unsigned n, std::string& out) {
   return arcs >= 2;
 }
 
+bool OidTextToOctetsQuick(const char* text, unsigned n, unsigned char* out, unsigned& len) {
+  len = 0;
+  if (!text || n == 0) return false;
+  unsigned arcs = 0;
+  uint64_t first = 0;
+  unsigned i = 0;
+  while (true) {
+    // One arc: decimal digits up to '.' or the end.
+    const unsigned start = i;
+    uint64_t v = 0;
+    while (i < n && text[i] >= '0' && text[i] <= '9') {
+      v = v * 10 + static_cast<unsigned>(text[i] - '0');
+      ++i;
+    }
+    const unsigned digits = i - start;
+    if (digits == 0 || digits > 19) return false;
+    if (i < n && text[i] != '.') return false;
+    if (arcs == 0) {
+      if (v > 1000) return false;
+      first = v;
+    } else {
+      if (arcs == 1) {
+        if (v > UINT64_MAX - first * 40) return false;
+        v += first * 40;
+      }
+      // Base-128 groups, most significant first, 0x80 on all but the last.
+      unsigned char tmp[10];
+      unsigned g = 0;
+      do {
+        tmp[g++] = static_cast<unsigned char>(v & 0x7F);
+        v >>= 7;
+      } while (v);
+      if (len + g > kOidQuickOctets) return false;
+      while (g-- > 0) out[len++] = static_cast<unsigned char>(tmp[g] | (g ? 0x80 : 0));
+    }
+    ++arcs;
+    if (i == n) break;
+    ++i;  // the '.'
+  }
+  return arcs >= 2;
+}
+
 bool OidOctetsToText(const unsigned char* p, unsigned n, std::string& out) {
   out.clear();
   if (n == 0 || (p[n - 1] & 0x80)) return false;
