@@ -1,0 +1,158 @@
+// The DER encoder writes identifier and length octets in place and takes a
+// shortcut past its own virtual slots; these tests hold the octets to a plain
+// model of the encoding (identifier, minimal length, content) at every length
+// form, at a position inside a used buffer, and check that a visitor derived
+// from the DER one still has its overrides called.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "asn_test_util.h"
+
+using namespace asntest;
+
+namespace {
+
+// Minimal DER length octets, as hex: the model the encoder must agree with.
+std::string LengthHex(size_t n) {
+  static const char digits[] = "0123456789ABCDEF";
+  std::string octets;
+  for (size_t v = n; v || octets.empty(); v >>= 8) {
+    octets.insert(octets.begin(), digits[v & 15]);
+    octets.insert(octets.begin(), digits[(v >> 4) & 15]);
+  }
+  if (n < 0x80) return octets;
+  const size_t k = octets.size() / 2;
+  return std::string(1, digits[8]) + digits[k] + octets;
+}
+
+std::string Tlv(const std::string& identifier, const std::string& contentHex) {
+  return identifier + LengthHex(contentHex.size() / 2) + contentHex;
+}
+
+// Encodes obj at position 3 of a buffer that holds other octets before and
+// after: the first three stay, the rest is replaced by the encoding.
+std::string EncodeInside(const AsnObject& obj, AsnEncode& enc, unsigned* written = nullptr) {
+  MiByteBuffer out(Bytes("AABBCCDDEEFF"));
+  unsigned n = obj.Encode(enc, out, 3);
+  if (written) *written = n;
+  std::string hex = Hex(out);
+  EXPECT_EQ(hex.substr(0, 6), "AABBCC");
+  EXPECT_EQ(out.GetLength(), 3 + n);
+  return hex.substr(6);
+}
+
+// SEQUENCE { [1] EXPLICIT SET OF OCTET STRING, CHOICE { [2] IMPLICIT OCTET
+// STRING }, OCTET STRING } with contents of the given sizes.
+struct Nest {
+  AsnSequence seq;
+  std::string expected;
+  explicit Nest(unsigned size) {
+    const MiByte big(size, 0x5A);
+    const std::string bigHex = Hex(big);
+    AsnSetOf<AsnOctetString> set;
+    set.Add(AsnOctetString(big));
+    set.Add(AsnOctetString(Bytes("01")));
+    AsnContainer box;
+    box.SetAsnName("box");
+    box.SetAsnTag(ASN_TAG_CLASS_CONTEXT, ASN_TAG_MODE_EXPLICIT, 1);
+    box.SetData(&set);
+    AsnChoice pick;
+    pick.SetAsnName("pick");
+    AsnOctetString alt(big);
+    alt.SetAsnName("alt");
+    alt.SetAsnTag(ASN_TAG_CLASS_CONTEXT, ASN_TAG_MODE_IMPLICIT, 2);
+    pick.AddElement(&alt);
+    pick.Set("alt");
+    AsnOctetString plain(Bytes("0102"));
+    plain.SetAsnName("plain");
+    seq.AddElement(&box);
+    seq.AddElement(&pick);
+    seq.AddElement(&plain);
+    for (unsigned i = 0; i < seq.Size(); ++i) seq.Find(i)->SetAsnPresent(true);
+
+    // SET OF order: shorter first, then by octets (5A sorts after 01).
+    const std::string one = Tlv("04", "01"), other = Tlv("04", bigHex);
+    const std::string setHex = Tlv("31", size == 0 ? other + one : one + other);
+    expected = Tlv("30", Tlv("A1", setHex) + Tlv("82", bigHex) + Tlv("04", "0102"));
+  }
+};
+
+// Counts the slots it is asked for and can stretch one-octet lengths.
+class WatchingEncode : public AsnDerEncode {
+ public:
+  unsigned tags = 0, lengths = 0;
+  bool longLengths = false;
+  unsigned EncodeTag(const AsnTag& tag, MiByteBuffer& out, unsigned pos) override {
+    ++tags;
+    return AsnDerEncode::EncodeTag(tag, out, pos);
+  }
+  MiByte EncodeLength(unsigned length) override {
+    ++lengths;
+    if (longLengths && length < 0x80) {
+      const char octets[] = {static_cast<char>(0x81), static_cast<char>(length)};
+      return MiByte(octets, 2);
+    }
+    return AsnDerEncode::EncodeLength(length);
+  }
+};
+
+}  // namespace
+
+TEST(DerInPlaceLengths, EveryLengthFormThroughEveryConstructedPath) {
+  for (unsigned size :
+       {0u, 1u, 0x7Eu, 0x7Fu, 0x80u, 0xFFu, 0x100u, 0xFFFFu, 0x10000u, 0x1000000u}) {
+    SCOPED_TRACE(size);
+    Nest n(size);
+    AsnDerEncode der;
+    unsigned written = 0;
+    const std::string got = EncodeInside(n.seq, der, &written);
+    EXPECT_EQ(written, n.expected.size() / 2);
+    EXPECT_TRUE(got == n.expected);  // not printed: up to 32 MB of hex
+    // The same octets come back from a decode and re-encode.
+    MiByteBuffer out;
+    n.seq.DerEncode(out, 0);
+    AsnAny any;
+    any.DerDecode(out.GetByte(), 0);
+    EXPECT_TRUE(Der(any) == n.expected);
+  }
+}
+
+TEST(DerInPlaceLengths, DerivedVisitorsKeepTheirOverrides) {
+  Nest n(300);
+  WatchingEncode watch;
+  EXPECT_TRUE(EncodeInside(n.seq, watch) == n.expected);
+  // One identifier and one length per value written: SEQUENCE, container,
+  // SET OF and its two values, the choice's alternative, the last string.
+  EXPECT_EQ(watch.tags, 7u);
+  EXPECT_EQ(watch.lengths, 7u);
+
+  WatchingEncode stretch;
+  stretch.longLengths = true;
+  AsnSequence seq;
+  AsnInteger one(MiBigInteger::FromString("1"));
+  one.SetAsnName("one");
+  seq.AddElement(&one);
+  seq.Find(0u)->SetAsnPresent(true);
+  EXPECT_EQ(EncodeInside(seq, stretch), "30810402810101");
+}
+
+TEST(DerInPlaceLengths, BufferAppendsFromItselfAndAfterShrinking) {
+  // A source inside the block, with room to spare: copied before it moves.
+  MiByteBuffer b(Bytes("010203"));
+  b.Append(b.GetChars() + 1, 2);
+  EXPECT_EQ(Hex(b), "0102030203");
+  b.Append(b);
+  EXPECT_EQ(Hex(b), "01020302030102030203");
+  EXPECT_EQ(b.Capacity(), 1024u);
+
+  // A large buffer cut back far: the next append applies the capacity rule.
+  MiByteBuffer e(std::string(8000, 'e').data(), 8000);
+  e.SetLength(100);
+  EXPECT_EQ(e.Capacity(), 8192u);
+  e.Append("xy", 2);
+  EXPECT_EQ(e.Capacity(), 2048u);
+  EXPECT_EQ(e.GetLength(), 102u);
+  EXPECT_EQ(e.CharAt(101), 'y');
+  EXPECT_EQ(e.GetChars()[102], 0);  // still terminated
+}
