@@ -416,6 +416,11 @@ unsigned AsnDerEncode::EncodeContent(const AsnGeneralizedTime& obj, MiByteBuffer
 
 unsigned AsnDerEncode::EncodeContent(const AsnOid& obj, MiByteBuffer& out, unsigned pos) {
   KV_BEGIN_CONTENT(obj)
+  unsigned known = 0;
+  if (const unsigned char* octets = obj.GetContentOctets(known)) {
+    AppendRaw(out, octets, known);
+    return known;
+  }
   const MiString& text = obj.GetData();
   unsigned char quick[kv_asn::kOidQuickOctets];
   unsigned n = 0;
@@ -732,8 +737,15 @@ unsigned AsnDerDecode::DecodeContent(AsnGeneralizedTime& obj, const MiByte& in, 
 unsigned AsnDerDecode::DecodeContent(AsnOid& obj, const MiByte& in, unsigned pos, unsigned length) {
   KV_BEGIN_DECODE(obj)
   std::string text;
-  if (!kv_asn::OidOctetsToText(Bytes(in) + pos, length, text)) throw AsnDecodeExp();
-  obj.SetData(text.c_str());
+  const unsigned char* p = Bytes(in) + pos;
+  if (!kv_asn::OidOctetsToText(p, length, text)) throw AsnDecodeExp();
+  // Short content is kept for re-encoding when the text gives it back
+  // exactly, that is when no subidentifier starts with a 0x80 group (a
+  // non-minimal form, which re-encodes shorter).
+  bool minimal = true;
+  for (unsigned i = 0; i < length; ++i)
+    if (p[i] == 0x80 && (i == 0 || !(p[i - 1] & 0x80))) minimal = false;
+  obj.SetDecoded(text.c_str(), minimal ? p : nullptr, minimal ? length : 0);
   return length;
 }
 

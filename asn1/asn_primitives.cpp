@@ -233,20 +233,56 @@ AsnOid::AsnOid(const char* dotted) {
 }
 AsnOid::AsnOid(const MiString& dotted) : m_text(dotted) {
   UniversalTag(*this, ASN_TAG_OID);
+  CacheOctets();
 }
-AsnOid::AsnOid(const AsnOid& o) : AsnObject(o), m_text(o.m_text) {}
+AsnOid::AsnOid(const AsnOid& o) : AsnObject(o), m_text(o.m_text) {
+  std::memcpy(m_octets, o.m_octets, sizeof m_octets);
+  m_octetCount = o.m_octetCount;
+}
 AsnOid& AsnOid::operator=(const AsnOid& o) {
   AsnObject::operator=(o);
   m_text = o.m_text;
+  std::memcpy(m_octets, o.m_octets, sizeof m_octets);
+  m_octetCount = o.m_octetCount;
   return *this;
 }
 void AsnOid::Reset(const AsnObject* other) {
   if (other == this) return;
   if (!other) {
     m_text = MiString();
+    m_octetCount = 0;
     return;
   }
   *this = *As<AsnOid>(other);
+}
+void AsnOid::SetData(const char* dotted) {
+  m_text = dotted ? MiString(dotted) : MiString();
+  CacheOctets();
+}
+void AsnOid::SetData(const MiString& dotted) {
+  m_text = dotted;
+  CacheOctets();
+}
+void AsnOid::SetDecoded(const char* dotted, const unsigned char* octets, unsigned n) {
+  m_text = dotted ? MiString(dotted) : MiString();
+  m_octetCount = 0;
+  if (octets && n != 0 && n <= kMaxCachedOctets) {
+    std::memcpy(m_octets, octets, n);
+    m_octetCount = static_cast<uint8_t>(n);
+  }
+}
+// A text that does not encode, or encodes to more octets than are kept,
+// leaves them unknown; the encoder then encodes from the text (and raises
+// its usual error for a bad one).
+void AsnOid::CacheOctets() {
+  m_octetCount = 0;
+  unsigned char oct[kv_asn::kOidQuickOctets];
+  unsigned n = 0;
+  if (kv_asn::OidTextToOctetsQuick(m_text.GetChars(), m_text.GetLength(), oct, n) &&
+      n <= kMaxCachedOctets) {
+    std::memcpy(m_octets, oct, n);
+    m_octetCount = static_cast<uint8_t>(n);
+  }
 }
 bool AsnOid::EqualsContent(const AsnObject* other) const {
   const AsnOid* o = dynamic_cast<const AsnOid*>(other);

@@ -118,11 +118,30 @@ class AsnOid : public AsnObject {
   AsnOid& operator=(const AsnOid& other);
   KV_ASN_OBJECT_SLOTS
   const MiString& GetData() const { return m_text; }
-  void SetData(const char* dotted) { m_text = dotted ? MiString(dotted) : MiString(); }
-  void SetData(const MiString& dotted) { m_text = dotted; }
+  void SetData(const char* dotted);
+  void SetData(const MiString& dotted);
+  // The content octets the text encodes to when they are known (short valid
+  // identifiers, set from text or decoded in minimal form), else null: the
+  // encoder then works them out from the text.
+  const unsigned char* GetContentOctets(unsigned& n) const {
+    n = m_octetCount;
+    return m_octetCount ? m_octets : nullptr;
+  }
+  // The decoder's setter: the text and the content octets it was read from,
+  // which must be exactly what the text encodes to (null when not known).
+  void SetDecoded(const char* dotted, const unsigned char* octets, unsigned n);
 
  private:
+  void CacheOctets();
+
   MiString m_text;
+  // Re-encoding from dotted text on every write is costly, so the octets of
+  // short identifiers (those of names and extensions) are kept beside the
+  // text; every change of the text renews them. Seven octets keep the object
+  // in the same allocation size class as without them.
+  static constexpr unsigned kMaxCachedOctets = 7;
+  unsigned char m_octets[kMaxCachedOctets];
+  uint8_t m_octetCount = 0;  // 0: not known
 };
 
 // The narrow character-string types share this holder; each class has its own

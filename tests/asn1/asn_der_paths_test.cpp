@@ -156,3 +156,38 @@ TEST(DerInPlaceLengths, BufferAppendsFromItselfAndAfterShrinking) {
   EXPECT_EQ(e.CharAt(101), 'y');
   EXPECT_EQ(e.GetChars()[102], 0);  // still terminated
 }
+
+TEST(DerOidOctets, KeptOctetsFollowTheTextAndOnlyMinimalFormsAreKept) {
+  // A non-minimal subidentifier (leading 80 group) reads as the same arcs and
+  // is written in minimal form, also through a copy.
+  AsnOid oid;
+  oid.DerDecode(Bytes("0604 2A 80 80 01"), 0);
+  EXPECT_EQ(std::string(oid.GetData()), "1.2.1");
+  EXPECT_EQ(Der(oid), "06022A01");
+  EXPECT_EQ(Der(AsnOid(oid)), "06022A01");
+  oid.DerDecode(Bytes("0603 80 2A 05"), 0);
+  EXPECT_EQ(Der(oid), "06022A05");
+
+  // Every way of changing the text changes the octets written.
+  oid.DerDecode(Bytes("0603 55 04 03"), 0);
+  EXPECT_EQ(Der(oid), "0603550403");
+  oid.SetData("2.5.4.10");
+  EXPECT_EQ(Der(oid), "060355040A");
+  oid.SetData(MiString("1.2.840.113549.1.1.11"));
+  EXPECT_EQ(Der(oid), "06092A864886F70D01010B");
+  AsnOid other("2.5.29.15");
+  oid.Reset(&other);
+  EXPECT_EQ(Der(oid), "0603551D0F");
+  oid = AsnOid("0.9");
+  EXPECT_EQ(Der(oid), "060109");
+  oid.Reset(nullptr);
+  EXPECT_EQ(ThrownMessage([&] { Der(oid); }), "asn data exception");
+  oid.SetData("1.2.3");
+  oid.SetData("1.x");
+  EXPECT_EQ(ThrownMessage([&] { Der(oid); }), "asn data exception");
+
+  // The open-type holder still gives back a non-minimal identifier as read.
+  AsnAny any;
+  any.DerDecode(Bytes("0603802A05"), 0);
+  EXPECT_EQ(Der(any), "0603802A05");
+}
