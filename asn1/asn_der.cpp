@@ -26,15 +26,18 @@ unsigned LengthOctets(unsigned n, unsigned char buf[5]) {
 
 // Identifier octets of tag, appended to out (the octets of
 // AsnDerEncode::EncodeTag). Returns their number.
-inline unsigned PutTag(const AsnTag& tag, MiByteBuffer& out) {
+// With placeholder, one octet more (zero) follows for the length, written in
+// the same append.
+inline unsigned PutTag(const AsnTag& tag, MiByteBuffer& out, bool placeholder = false) {
   unsigned char first = static_cast<unsigned char>(tag.tagClass & 0xC0);
   first |=
       tag.tagMode == ASN_TAG_MODE_EXPLICIT ? 0x20 : static_cast<unsigned char>(tag.tagForm & 0x20);
   if (tag.tagNumber < 31) {
-    out.Append(static_cast<unsigned char>(first | tag.tagNumber));
+    const char octets[2] = {static_cast<char>(first | tag.tagNumber), 0};
+    out.Append(octets, placeholder ? 2u : 1u);
     return 1;
   }
-  unsigned char buf[6];
+  unsigned char buf[7];
   buf[0] = static_cast<unsigned char>(first | 0x1F);
   unsigned char groups[5];
   unsigned g = 0;
@@ -48,7 +51,8 @@ inline unsigned PutTag(const AsnTag& tag, MiByteBuffer& out) {
     --g;
     buf[n++] = static_cast<unsigned char>(groups[g] | (g ? 0x80 : 0));
   }
-  out.Append(reinterpret_cast<const char*>(buf), n);
+  buf[n] = 0;
+  out.Append(reinterpret_cast<const char*>(buf), placeholder ? n + 1 : n);
   return n;
 }
 
@@ -65,6 +69,13 @@ inline unsigned PutContentAndLength(unsigned c, MiByteBuffer& out, unsigned pos,
   p[pos + t] = static_cast<char>(buf[0]);
   if (k > 1) out.Insert(pos + t + 1, reinterpret_cast<const char*>(buf + 1), k - 1);
   return out.GetLength() - pos;
+}
+
+// The last two decimal digits of v, as MiTime::GetTimeString writes a
+// two-digit field.
+inline void PutDigits(char* p, int v) {
+  p[1] = static_cast<char>('0' + v % 10);
+  p[0] = static_cast<char>('0' + (v / 10) % 10);
 }
 
 const unsigned char* Bytes(const MiByte& in) {
@@ -137,8 +148,7 @@ unsigned EncodeObject(AsnEncode& enc, const AsnObject& obj, MiByteBuffer& out, u
     // The DER visitor's own tag and length octets are written here without
     // going through the virtual slots (a subclass that overrides them takes
     // the general path below).
-    const unsigned t = PutTag(obj.GetAsnTag(), out);
-    out.Append(static_cast<unsigned char>(0));  // length placeholder
+    const unsigned t = PutTag(obj.GetAsnTag(), out, true);
     return PutContentAndLength(obj.EncodeContent(enc, out, pos + t + 1), out, pos, t);
   }
   unsigned t = enc.EncodeTag(obj.GetAsnTag(), out, pos);
@@ -250,8 +260,7 @@ unsigned AsnDerEncode::Encode(const AsnChoice& obj, MiByteBuffer& out, unsigned 
   // An untagged nested choice writes its own selection.
   if (alt->IsAsnChoice()) return alt->Encode(*this, out, pos);
   if (typeid(*this) == typeid(AsnDerEncode)) {
-    const unsigned t = PutTag(alt->GetAsnTag(), out);
-    out.Append(static_cast<unsigned char>(0));  // length placeholder
+    const unsigned t = PutTag(alt->GetAsnTag(), out, true);
     return PutContentAndLength(alt->EncodeContent(*this, out, pos + t + 1), out, pos, t);
   }
   unsigned t = EncodeTag(alt->GetAsnTag(), out, pos);
@@ -356,20 +365,29 @@ KV_NARROW_CONTENT(AsnIA5String)
 
 unsigned AsnDerEncode::EncodeContent(const AsnUTF8String& obj, MiByteBuffer& out, unsigned pos) {
   KV_BEGIN_CONTENT(obj)
-  // ASCII goes straight into the buffer; other characters through AppendUtf8
-  // (a few octets, kept in the string's own small buffer).
+  // Collected in a small block and appended a block at a time; a character
+  // takes at most six octets.
   const AsnQuadruple* q = obj.GetQuadruples();
   const unsigned count = obj.GetCount();
+  char block[256];
+  unsigned used = 0;
+  std::string wide;
   for (unsigned i = 0; i < count; ++i) {
+    if (used + 6 > sizeof block) {
+      out.Append(block, used);
+      used = 0;
+    }
     const uint32_t code = q[i].Code();
     if (code < 0x80) {
-      out.Append(static_cast<unsigned char>(code));
+      block[used++] = static_cast<char>(code);
     } else {
-      std::string s;
-      kv_asn::AppendUtf8(s, code);
-      AppendRaw(out, s.data(), s.size());
+      wide.clear();
+      kv_asn::AppendUtf8(wide, code);
+      std::memcpy(block + used, wide.data(), wide.size());
+      used += static_cast<unsigned>(wide.size());
     }
   }
+  AppendRaw(out, block, used);
   return out.GetLength() - pos;
 }
 
@@ -400,9 +418,18 @@ unsigned AsnDerEncode::EncodeContent(const AsnUTCTime& obj, MiByteBuffer& out, u
   const MiTime& t = obj.GetTime();
   // Two digits cannot carry other years.
   if (t.IsEmpty() || t.GetYear() < 1950 || t.GetYear() > 2049) throw AsnEncodeExp();
-  MiString s = obj.GetTimeString();
-  AppendRaw(out, s.GetChars(), s.GetLength());
-  return s.GetLength();
+  // The text of GetTimeString() ("YYMMDDhhmmssZ"), written straight into
+  // the buffer: digits as MiTime::GetTimeString puts them.
+  char text[13];
+  PutDigits(text, t.GetYear() % 100);
+  PutDigits(text + 2, t.GetMonth());
+  PutDigits(text + 4, t.GetDay());
+  PutDigits(text + 6, t.GetHour());
+  PutDigits(text + 8, t.GetMinute());
+  PutDigits(text + 10, t.GetSecond());
+  text[12] = 'Z';
+  out.Append(text, 13);
+  return 13;
 }
 
 unsigned AsnDerEncode::EncodeContent(const AsnGeneralizedTime& obj, MiByteBuffer& out,

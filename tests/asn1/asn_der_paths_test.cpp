@@ -191,3 +191,30 @@ TEST(DerOidOctets, KeptOctetsFollowTheTextAndOnlyMinimalFormsAreKept) {
   any.DerDecode(Bytes("0603802A05"), 0);
   EXPECT_EQ(Der(any), "0603802A05");
 }
+
+TEST(DerTextContent, TimesAndUtf8MatchTheirTextForms) {
+  // UTCTime content is the time text, across the years two digits can carry.
+  for (int year : {1950, 1999, 2000, 2009, 2049}) {
+    AsnUTCTime t(MiTime(year, 12, 31, 23, 59, 58));
+    SCOPED_TRACE(year);
+    std::string text(t.GetTimeString());
+    EXPECT_EQ(text.size(), 13u);
+    EXPECT_EQ(Der(t), "170D" + Hex(reinterpret_cast<const unsigned char*>(text.data()), 13));
+  }
+  AsnUTCTime early(MiTime(2001, 2, 3, 4, 5, 6));
+  EXPECT_EQ(Der(early), "170D3031303230333034303530365A");  // "010203040506Z"
+
+  // UTF-8 content is the text itself, also when it is long and multi-octet
+  // characters fall on every alignment.
+  for (size_t n : {1u, 85u, 86u, 200u, 700u}) {
+    std::string text;
+    for (size_t i = 0; i < n; ++i)
+      text += (i % 3 == 0) ? "\xE4\xB8\xAD" : (i % 3 == 1 ? "a" : "\xF0\x9F\x98\x80");
+    AsnUTF8String s;
+    s.SetUtf8(text.c_str());
+    SCOPED_TRACE(n);
+    EXPECT_EQ(Der(s), "0C" + LengthHex(text.size()) +
+                          Hex(reinterpret_cast<const unsigned char*>(text.data()),
+                              static_cast<unsigned>(text.size())));
+  }
+}
