@@ -310,8 +310,10 @@ class AsnListOf : public AsnObject {
   }
   unsigned EncodeContent(AsnEncode& e, MiByteBuffer& out, unsigned pos) const override {
     out.SetLength(pos);
-    unsigned written = 0;
-    if (kv_asn::EncodeSavedContent(*this, out, pos, written)) return written;
+    if (this->GetAsnByteType() == ASN_BYTE_CONTENT) {  // else no call at all
+      unsigned written = 0;
+      if (kv_asn::EncodeSavedContent(*this, out, pos, written)) return written;
+    }
     if (!IsSet || m_values.size() < 2) {
       for (const auto& v : m_values) v->Encode(e, out, out.GetLength());
     } else {

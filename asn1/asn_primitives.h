@@ -134,14 +134,15 @@ class AsnOid : public AsnObject {
  private:
   void CacheOctets();
 
-  MiString m_text;
   // Re-encoding from dotted text on every write is costly, so the octets of
-  // short identifiers (those of names and extensions) are kept beside the
-  // text; every change of the text renews them. Seven octets keep the object
-  // in the same allocation size class as without them.
-  static constexpr unsigned kMaxCachedOctets = 7;
+  // short identifiers (those of names, extensions and the common algorithms)
+  // are kept beside the text; every change of the text renews them. Placed
+  // first, the octets fill the base object's tail padding, so the object
+  // stays in the allocation size class it has without them.
+  static constexpr unsigned kMaxCachedOctets = 13;
   unsigned char m_octets[kMaxCachedOctets];
   uint8_t m_octetCount = 0;  // 0: not known
+  MiString m_text;
 };
 
 // The narrow character-string types share this holder; each class has its own
