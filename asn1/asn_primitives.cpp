@@ -236,13 +236,14 @@ AsnOid::AsnOid(const MiString& dotted) : m_text(dotted) {
   CacheOctets();
 }
 AsnOid::AsnOid(const AsnOid& o) : AsnObject(o), m_text(o.m_text) {
-  std::memcpy(m_octets, o.m_octets, sizeof m_octets);
+  std::memcpy(m_octets, o.m_octets, o.m_octetCount);  // only the octets in use
   m_octetCount = o.m_octetCount;
 }
 AsnOid& AsnOid::operator=(const AsnOid& o) {
+  if (this == &o) return *this;
   AsnObject::operator=(o);
   m_text = o.m_text;
-  std::memcpy(m_octets, o.m_octets, sizeof m_octets);
+  std::memcpy(m_octets, o.m_octets, o.m_octetCount);
   m_octetCount = o.m_octetCount;
   return *this;
 }
