@@ -260,8 +260,11 @@ class AsnContainer : public AsnObject {
 
 // Shared, non-template parts of the SEQUENCE OF / SET OF templates.
 namespace kv_asn {
+// make appends a new value to list and returns it; reserve (may be null) is
+// first told how many values the content appears to hold.
 unsigned DecodeListContent(AsnDecode& d, const MiByte& in, unsigned pos, unsigned length,
-                           AsnObject* (*make)(void*), void* list);
+                           AsnObject* (*make)(void*), void* list,
+                           void (*reserve)(void*, unsigned) = nullptr);
 void DumpList(const AsnObject& obj, const char* label, std::ostream& os, unsigned indent,
               const AsnObject* const* items, unsigned count);
 }  // namespace kv_asn
@@ -334,7 +337,8 @@ class AsnListOf : public AsnObject {
       this->SetAsnContentByte(in.GetChars(), pos, length);
       return length;
     }
-    return kv_asn::DecodeListContent(d, in, pos, length, &AsnListOf::MakeValue, this);
+    return kv_asn::DecodeListContent(d, in, pos, length, &AsnListOf::MakeValue, this,
+                                     &AsnListOf::ReserveValues);
   }
   AsnObject* Clone() const override { return new AsnListOf(*this); }
   void ToOstream(std::ostream& os, unsigned indent) const override {
@@ -380,6 +384,9 @@ class AsnListOf : public AsnObject {
   void Clear() { m_values.clear(); }
 
  private:
+  static void ReserveValues(void* self, unsigned n) {
+    static_cast<AsnListOf*>(self)->m_values.reserve(n);
+  }
   static AsnObject* MakeValue(void* self) {
     auto* list = static_cast<AsnListOf*>(self);
     list->m_values.emplace_back(new T());

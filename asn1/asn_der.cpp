@@ -197,10 +197,40 @@ void SortSetOfEncodings(MiByteBuffer& out, unsigned start, const unsigned* sizes
 }
 
 unsigned DecodeListContent(AsnDecode& d, const MiByte& in, unsigned pos, unsigned length,
-                           AsnObject* (*make)(void*), void* list) {
+                           AsnObject* (*make)(void*), void* list,
+                           void (*reserve)(void*, unsigned)) {
   CheckContent(in, pos, length);
   DepthGuard guard;
   const unsigned end = pos + length;
+  if (reserve) {
+    // Count the encodings first (identifier and length octets only, stopping
+    // quietly at anything malformed, which the decoding below reports), so
+    // that the list is allocated once instead of growing step by step.
+    const unsigned char* b = Bytes(in);
+    unsigned count = 0;
+    unsigned p = pos;
+    while (p < end) {
+      ++count;
+      uint64_t q = p + 1;  // past the first identifier octet
+      if ((b[p] & 0x1F) == 0x1F) {
+        while (q < end && (b[q] & 0x80)) ++q;
+        ++q;
+      }
+      if (q >= end) break;
+      uint64_t len = b[q];
+      unsigned k = 0;
+      if (len & 0x80) {
+        k = b[q] & 0x7F;
+        if (k > 4 || q + k >= end) break;
+        len = 0;
+        for (unsigned i = 1; i <= k; ++i) len = (len << 8) | b[q + i];
+      }
+      const uint64_t next = q + 1 + k + len;
+      if (next > end) break;
+      p = static_cast<unsigned>(next);
+    }
+    if (count > 1) reserve(list, count);
+  }
   unsigned p = pos;
   while (p < end) {
     AsnObject* v = make(list);

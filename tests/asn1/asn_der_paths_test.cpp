@@ -202,3 +202,29 @@ TEST(DerTextContent, TimesAndUtf8MatchTheirTextForms) {
                               static_cast<unsigned>(text.size())));
   }
 }
+
+TEST(DerListDecoding, MalformedValuesInsideAListFailAsDocumented) {
+  // The list content is counted before it is decoded; a count that runs into
+  // broken encodings must neither read past the content nor change the error.
+  const struct {
+    const char* hex;
+    const char* message;
+  } cases[] = {
+      {"3003 1F8181", "range exp"},              // tag number running to the end
+      {"3004 0284FFFF", "range exp"},            // length octets beyond the end
+      {"3004 02050101", "out of range exp"},     // content beyond the end
+      {"3005 020101 0201", "out of range exp"},  // second value cut short
+      {"3000", ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.hex);
+    AsnSequenceOf<AsnInteger> ints;
+    EXPECT_EQ(ThrownMessage([&] { ints.DerDecode(Bytes(c.hex), 0); }), c.message);
+    AsnAny any;
+    EXPECT_EQ(ThrownMessage([&] { any.DerDecode(Bytes(c.hex), 0); }), c.message);
+  }
+  AsnSequenceOf<AsnInteger> ints;
+  ints.DerDecode(Bytes("3009 020101 020102 020103"), 0);
+  EXPECT_EQ(ints.Size(), 3u);
+  EXPECT_EQ(Der(ints), "3009020101020102020103");
+}
