@@ -2,62 +2,23 @@
 // re-encodes to exactly the octets it came from.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <vector>
 
 #include "asn_test_util.h"
+#include "support/support.h"
 
 using namespace asntest;
 
-namespace {
-
-// The Base64 body of the first PEM block (test-local: keeps this test
-// independent of the toolkit's own codec).
-std::string PemBody(const std::string& pem) {
-  static const std::string alphabet =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  size_t begin = pem.find("-----BEGIN CERTIFICATE-----");
-  size_t end = pem.find("-----END CERTIFICATE-----");
-  if (begin == std::string::npos || end == std::string::npos) return "";
-  std::string out;
-  unsigned acc = 0, bits = 0;
-  for (size_t i = begin + 27; i < end; ++i) {
-    size_t v = alphabet.find(pem[i]);
-    if (v == std::string::npos) continue;  // line ends and padding
-    acc = (acc << 6) | static_cast<unsigned>(v);
-    bits += 6;
-    if (bits >= 8) {
-      bits -= 8;
-      out.push_back(static_cast<char>((acc >> bits) & 0xFF));
-    }
-  }
-  return out;
-}
-
-std::vector<std::string> Roots() {
-  std::vector<std::string> files;
-  const std::string dir = "/usr/share/ca-certificates/mozilla";
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d)) {
-      std::string name = e->d_name;
-      if (name.size() > 4 && name.substr(name.size() - 4) == ".crt")
-        files.push_back(dir + "/" + name);
-    }
-    closedir(d);
-  }
-  return files;
-}
-
-}  // namespace
-
 TEST(SystemRoots, OpenTypeHolderReEncodesEveryCertificateExactly) {
-  const std::vector<std::string> files = Roots();
-  if (files.empty()) GTEST_SKIP() << "no system roots installed";
+  const std::vector<std::string> names = kvtest::SystemRootNames();
+  if (names.empty()) GTEST_SKIP() << "no system roots installed";
   unsigned checked = 0;
-  for (const std::string& file : files) {
-    SCOPED_TRACE(file);
-    const std::string der = PemBody(ReadFile(file));
+  for (const std::string& name : names) {
+    SCOPED_TRACE(name);
+    const std::vector<std::string> blocks = kvtest::PemBlocks(
+        ReadFile(std::string(kvtest::kSystemRootsDir) + "/" + name), {"CERTIFICATE"});
+    ASSERT_FALSE(blocks.empty());
+    const std::string& der = blocks[0];
     ASSERT_FALSE(der.empty());
     MiByte in(der.data(), static_cast<unsigned>(der.size()));
     AsnAny any;

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "asn1/asn1.h"
+#include "support/support.h"
 
 namespace asntest {
 
@@ -70,11 +71,6 @@ std::string ThrownMessage(Fn fn) {
   return "";
 }
 
-inline std::string ReadFile(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  std::stringstream ss;
-  ss << f.rdbuf();
-  return ss.str();
-}
+using kvtest::ReadFile;
 
 }  // namespace asntest

@@ -14,6 +14,7 @@
 
 #include "asn1/asn1.h"
 #include "pki/pki.h"
+#include "support/support.h"
 
 namespace {
 
@@ -80,14 +81,9 @@ std::string RandomBytes(std::mt19937& rng, std::size_t n) {
 }
 
 std::string RunCommand(const std::string& command) {
-  std::string out;
-  FILE* p = popen(command.c_str(), "r");
-  if (p == nullptr) return out;
-  char buf[4096];
-  std::size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-  EXPECT_EQ(pclose(p), 0) << command;
-  return out;
+  kvtest::ShellResult r = kvtest::RunShell(command);
+  EXPECT_EQ(r.status, 0) << command;
+  return r.out;
 }
 
 // A scratch directory removed at the end of the test.

@@ -12,6 +12,7 @@
 
 #include "crypto/rsa.h"
 #include "rsa/rsa_test_util.h"
+#include "support/support.h"
 
 using rsatest::Bytes;
 using rsatest::Key;
@@ -39,15 +40,9 @@ class TempDir {
 
 // Runs a shell command; returns its exit status and standard output.
 int Shell(const std::string& cmd, std::string* out = nullptr) {
-  std::FILE* p = popen((cmd + " 2>&1").c_str(), "r");
-  if (!p) return -1;
-  std::string text;
-  char buf[512];
-  std::size_t n;
-  while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) text.append(buf, n);
-  int status = pclose(p);
-  if (out) *out = text;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  kvtest::ShellResult r = kvtest::RunShell(cmd + " 2>&1");
+  if (out) *out = r.out;
+  return r.status;
 }
 
 void WriteFile(const std::string& path, const Bytes& data) {

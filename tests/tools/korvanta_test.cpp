@@ -2,44 +2,25 @@
 // (every format and structure the command recognises) and checks the Base64.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <random>
 #include <string>
 
+#include "support/support.h"
+
 namespace {
+
+using kvtest::ReadFile;
+using kvtest::RunShell;
+using kvtest::ShellResult;
 
 const char kRoot[] = "/usr/share/ca-certificates/mozilla/ISRG_Root_X1.crt";
 
-struct Result {
-  int status;
-  std::string out;
-};
-
-// Runs a shell command line and returns its exit status and standard output.
-Result Sh(const std::string& cmd) {
-  Result r{-1, std::string()};
-  FILE* p = popen(cmd.c_str(), "r");
-  if (!p) return r;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-  int st = pclose(p);
-  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-  return r;
-}
-
 std::string Kv(const std::string& args) {
   return std::string(KV_KORVANTA_BIN) + " " + args;
-}
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
 }
 
 class KorvantaCommand : public ::testing::Test {
@@ -49,11 +30,11 @@ class KorvantaCommand : public ::testing::Test {
     ASSERT_NE(mkdtemp(tmpl), nullptr);
     dir_ = tmpl;
   }
-  void TearDown() override { Sh("rm -rf " + dir_); }
+  void TearDown() override { RunShell("rm -rf " + dir_); }
   std::string Path(const std::string& name) const { return dir_ + "/" + name; }
   // Runs an openssl command line that must succeed.
   void Openssl(const std::string& args) {
-    ASSERT_EQ(Sh("openssl " + args + " 2>/dev/null").status, 0) << args;
+    ASSERT_EQ(RunShell("openssl " + args + " 2>/dev/null").status, 0) << args;
   }
   std::string dir_;
 };
@@ -61,15 +42,15 @@ class KorvantaCommand : public ::testing::Test {
 TEST_F(KorvantaCommand, DumpsASystemRootInEveryInputFormat) {
   Openssl(std::string("x509 -in ") + kRoot + " -outform DER -out " + Path("root.der"));
   Openssl("base64 -in " + Path("root.der") + " -out " + Path("root.b64"));
-  Result pem = Sh(Kv(std::string("dump ") + kRoot));
+  ShellResult pem = RunShell(Kv(std::string("dump ") + kRoot));
   ASSERT_EQ(pem.status, 0);
   EXPECT_EQ(pem.out.rfind("SEQUENCE : {\n    tBSCertificate  SEQUENCE : {", 0), 0u) << pem.out;
   EXPECT_NE(pem.out.find("PrintableString : ISRG Root X1"), std::string::npos);
   EXPECT_NE(pem.out.find("utcTime  UTCTime : 150604110438Z"), std::string::npos);
   // DER, bare Base64 and standard input give the very same dump.
-  EXPECT_EQ(Sh(Kv("dump " + Path("root.der"))).out, pem.out);
-  EXPECT_EQ(Sh(Kv("dump " + Path("root.b64"))).out, pem.out);
-  EXPECT_EQ(Sh(Kv("dump - < " + Path("root.der"))).out, pem.out);
+  EXPECT_EQ(RunShell(Kv("dump " + Path("root.der"))).out, pem.out);
+  EXPECT_EQ(RunShell(Kv("dump " + Path("root.b64"))).out, pem.out);
+  EXPECT_EQ(RunShell(Kv("dump - < " + Path("root.der"))).out, pem.out);
 }
 
 TEST_F(KorvantaCommand, RecognisesEachStructureWithoutBeingTold) {
@@ -98,12 +79,12 @@ TEST_F(KorvantaCommand, RecognisesEachStructureWithoutBeingTold) {
       {v + "/pkcs12/cert-key-aes256cbc.p12", "    authSafe  SEQUENCE : {"},
   };
   for (const Case& c : cases) {
-    Result r = Sh(Kv("dump " + c.file));
+    ShellResult r = RunShell(Kv("dump " + c.file));
     EXPECT_EQ(r.status, 0) << c.file;
     EXPECT_NE(r.out.find(c.expect), std::string::npos) << c.file << "\n" << r.out.substr(0, 300);
   }
   // A PKCS#7 message shows its signed content with named fields.
-  Result p7 = Sh(Kv("dump " + Path("p7.der")));
+  ShellResult p7 = RunShell(Kv("dump " + Path("p7.der")));
   EXPECT_NE(p7.out.find("digestAlgorithms  CHOICE : {"), std::string::npos) << p7.out;
 }
 
@@ -111,22 +92,22 @@ TEST_F(KorvantaCommand, TypeOptionDecodesAnyCatalogueClass) {
   // An AlgorithmIdentifier for sha256WithRSAEncryption with NULL parameters.
   std::ofstream(Path("alg.der"), std::ios::binary)
       << std::string("\x30\x0d\x06\x09\x2a\x86\x48\x86\xf7\x0d\x01\x01\x0b\x05\x00", 15);
-  Result r = Sh(Kv("dump --type AlgorithmIdentifier " + Path("alg.der")));
+  ShellResult r = RunShell(Kv("dump --type AlgorithmIdentifier " + Path("alg.der")));
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out,
             "SEQUENCE : {\n    algorithm  OBJECT IDENTIFER : 1.2.840.113549.1.1.11\n"
             "    parameters  NULL }\n");
-  EXPECT_EQ(Sh(Kv("dump " + Path("alg.der") + " 2>/dev/null")).status, 1);  // not recognised
-  EXPECT_EQ(Sh(Kv("dump --type NoSuchType " + Path("alg.der") + " 2>/dev/null")).status, 2);
-  Result types = Sh(Kv("types"));
+  EXPECT_EQ(RunShell(Kv("dump " + Path("alg.der") + " 2>/dev/null")).status, 1);  // not recognised
+  EXPECT_EQ(RunShell(Kv("dump --type NoSuchType " + Path("alg.der") + " 2>/dev/null")).status, 2);
+  ShellResult types = RunShell(Kv("types"));
   EXPECT_EQ(types.status, 0);
   EXPECT_NE(types.out.find("\nTBSCertificate\n"), std::string::npos);
   EXPECT_NE(types.out.find("\nRC2_CBC_parameter\n"), std::string::npos);
 }
 
 TEST_F(KorvantaCommand, DumpsEveryBlockOfABundle) {
-  Sh(std::string("cat ") + kRoot + " " + kRoot + " > " + Path("two.pem"));
-  Result r = Sh(Kv("dump " + Path("two.pem")));
+  RunShell(std::string("cat ") + kRoot + " " + kRoot + " > " + Path("two.pem"));
+  ShellResult r = RunShell(Kv("dump " + Path("two.pem")));
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out.rfind("# 1 of 2 (CERTIFICATE)\n", 0), 0u);
   EXPECT_NE(r.out.find("\n# 2 of 2 (CERTIFICATE)\n"), std::string::npos);
@@ -141,21 +122,21 @@ TEST_F(KorvantaCommand, BadInputFailsWithAMessage) {
   std::ofstream(Path("trail.der"), std::ios::binary) << der << "xx";
   for (const std::string& f :
        {Path("cut.der"), Path("empty"), Path("noend.pem"), Path("trail.der"), Path("missing")}) {
-    Result r = Sh(Kv("dump " + f + " 2>&1"));
+    ShellResult r = RunShell(Kv("dump " + f + " 2>&1"));
     EXPECT_EQ(r.status, 1) << f;
     EXPECT_EQ(r.out.rfind("korvanta: " + f + ": ", 0), 0u) << r.out;
   }
 }
 
 TEST_F(KorvantaCommand, UsageErrorsAndHelp) {
-  EXPECT_EQ(Sh(Kv("2>/dev/null")).status, 2);
-  EXPECT_EQ(Sh(Kv("frobnicate 2>/dev/null")).status, 2);
-  EXPECT_EQ(Sh(Kv("dump 2>/dev/null")).status, 2);
-  EXPECT_EQ(Sh(Kv("dump --bogus x 2>/dev/null")).status, 2);
-  EXPECT_EQ(Sh(Kv("base64 sideways 2>/dev/null")).status, 2);
+  EXPECT_EQ(RunShell(Kv("2>/dev/null")).status, 2);
+  EXPECT_EQ(RunShell(Kv("frobnicate 2>/dev/null")).status, 2);
+  EXPECT_EQ(RunShell(Kv("dump 2>/dev/null")).status, 2);
+  EXPECT_EQ(RunShell(Kv("dump --bogus x 2>/dev/null")).status, 2);
+  EXPECT_EQ(RunShell(Kv("base64 sideways 2>/dev/null")).status, 2);
   for (const char* v : {"--help", "help", "dump --help", "base64 --help", "types --help",
                         "help dump", "base64 encode --help"}) {
-    Result r = Sh(Kv(v));
+    ShellResult r = RunShell(Kv(v));
     EXPECT_EQ(r.status, 0) << v;
     EXPECT_EQ(r.out.rfind("usage: korvanta", 0), 0u) << v;
   }
@@ -168,21 +149,22 @@ TEST_F(KorvantaCommand, Base64MatchesOpenssl) {
     for (char& c : data) c = static_cast<char>(rng());
     std::string in = Path("in" + std::to_string(n));
     std::ofstream(in, std::ios::binary) << data;
-    Result ours = Sh(Kv("base64 encode " + in));
+    ShellResult ours = RunShell(Kv("base64 encode " + in));
     ASSERT_EQ(ours.status, 0);
-    EXPECT_EQ(ours.out, Sh("openssl base64 -in " + in).out) << n;
-    Result one = Sh(Kv("base64 encode --no-wrap " + in));
-    EXPECT_EQ(one.out, Sh("openssl base64 -A -in " + in).out + (n ? "\n" : "")) << n;
+    EXPECT_EQ(ours.out, RunShell("openssl base64 -in " + in).out) << n;
+    ShellResult one = RunShell(Kv("base64 encode --no-wrap " + in));
+    EXPECT_EQ(one.out, RunShell("openssl base64 -A -in " + in).out + (n ? "\n" : "")) << n;
     // Decoding OpenSSL's text through a file gives the data back.
-    Sh("openssl base64 -in " + in + " -out " + in + ".b64");
-    ASSERT_EQ(Sh(Kv("base64 decode -o " + in + ".out " + in + ".b64")).status, 0);
+    RunShell("openssl base64 -in " + in + " -out " + in + ".b64");
+    ASSERT_EQ(RunShell(Kv("base64 decode -o " + in + ".out " + in + ".b64")).status, 0);
     EXPECT_EQ(ReadFile(in + ".out"), data) << n;
   }
 }
 
 TEST_F(KorvantaCommand, FailedDecodeLeavesNoOutputFile) {
   std::ofstream(Path("bad.b64")) << "TWFuTW";
-  Result r = Sh(Kv("base64 decode -o " + Path("out.bin") + " " + Path("bad.b64") + " 2>&1"));
+  ShellResult r =
+      RunShell(Kv("base64 decode -o " + Path("out.bin") + " " + Path("bad.b64") + " 2>&1"));
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.out.find("incomplete group"), std::string::npos);
   struct stat st;

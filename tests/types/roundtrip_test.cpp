@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
@@ -27,8 +26,6 @@ using kvtest::ToMiByte;
 using kvtest::ToString;
 
 namespace {
-
-const char kRootsDir[] = "/usr/share/ca-certificates/mozilla";
 
 struct Entry {
   std::string path;    // under the vectors folder, or "mozilla/NAME"
@@ -383,30 +380,17 @@ TEST(RealData, VectorFilesRoundTripExactly) {
   for (const auto& n : g_nested) std::printf("[ nested ] %-40s %d\n", n.first.c_str(), n.second);
 }
 
-std::vector<std::string> RootFiles() {
-  std::vector<std::string> names;
-  if (DIR* d = opendir(kRootsDir)) {
-    while (dirent* ent = readdir(d)) {
-      std::string n = ent->d_name;
-      if (n.size() > 4 && n.compare(n.size() - 4, 4, ".crt") == 0) names.push_back(n);
-    }
-    closedir(d);
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
 TEST(RealData, SystemRootsRoundTripExactly) {
   std::map<std::string, Entry> listed;
   for (const Entry& e : LoadList())
     if (e.path.rfind("mozilla/", 0) == 0) listed[e.path.substr(8)] = e;
-  std::vector<std::string> names = RootFiles();
+  std::vector<std::string> names = kvtest::SystemRootNames();
   ASSERT_GT(names.size(), 100u);
   Tally tally;
   for (const std::string& n : names) {
     Entry e{"mozilla/" + n, "Certificate", "pem", "exact"};
     if (listed.count(n)) e = listed[n];
-    CheckFile(e, std::string(kRootsDir) + "/" + n, tally);
+    CheckFile(e, std::string(kvtest::kSystemRootsDir) + "/" + n, tally);
   }
   tally.Print("roots");
 }
@@ -448,9 +432,9 @@ std::string NameText(const Name* name) {
 
 TEST(RealData, SystemRootFieldsMatchOpenSsl) {
   int compared = 0;
-  for (const std::string& n : RootFiles()) {
+  for (const std::string& n : kvtest::SystemRootNames()) {
     SCOPED_TRACE(n);
-    std::string path = std::string(kRootsDir) + "/" + n;
+    std::string path = std::string(kvtest::kSystemRootsDir) + "/" + n;
     std::vector<std::string> ders = DerOf(path, "pem", {"CERTIFICATE"});
     ASSERT_EQ(ders.size(), 1u);
     Certificate cert;
@@ -462,14 +446,12 @@ TEST(RealData, SystemRootFieldsMatchOpenSsl) {
                        "\nnotAfter=" + TimeText(tbs->GetValidity()->GetNotAfter()) +
                        "\nsubject=" + NameText(tbs->GetSubject()) +
                        "\nissuer=" + NameText(tbs->GetIssuer()) + "\n";
-    int status = 0;
-    std::string theirs = kvtest::RunCommand(
+    kvtest::ShellResult theirs = kvtest::RunShell(
         "openssl x509 -noout -serial -dates -subject -issuer "
         "-nameopt sep_comma_plus,oid,dump_all,dump_der -in '" +
-            path + "'",
-        &status);
-    ASSERT_EQ(status, 0);
-    EXPECT_EQ(ours, theirs);
+        path + "'");
+    ASSERT_EQ(theirs.status, 0);
+    EXPECT_EQ(ours, theirs.out);
     ++compared;
   }
   std::printf("[ roots ] fields compared with openssl: %d certificates\n", compared);
