@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "asn1/asn_ostream.h"
+#include "asn1/internal/asn_dispatch.h"
 
 // ---- Element list ----------------------------------------------------------
 
@@ -128,24 +129,7 @@ unsigned IndexByName(const AsnElementList& l, const char* name) {
     const T* o = dynamic_cast<const T*>(other);                                                 \
     return o && m_elements.EqualsContent(o->m_elements);                                        \
   }                                                                                             \
-  unsigned T::Encode(AsnEncode& e, MiByteBuffer& out, unsigned pos) const {                     \
-    return e.Encode(*this, out, pos);                                                           \
-  }                                                                                             \
-  unsigned T::EncodeContent(AsnEncode& e, MiByteBuffer& out, unsigned pos) const {              \
-    return e.EncodeContent(*this, out, pos);                                                    \
-  }                                                                                             \
-  unsigned T::Decode(AsnDecode& d, const MiByte& in, unsigned pos) {                            \
-    return d.Decode(*this, in, pos);                                                            \
-  }                                                                                             \
-  unsigned T::DecodeContent(AsnDecode& d, const MiByte& in, unsigned pos, unsigned length) {    \
-    return d.DecodeContent(*this, in, pos, length);                                             \
-  }                                                                                             \
-  AsnObject* T::Clone() const {                                                                 \
-    return new T(*this);                                                                        \
-  }                                                                                             \
-  void T::ToOstream(std::ostream& os, unsigned indent) const {                                  \
-    AsnOstream::DoVisit(*this, os, indent);                                                     \
-  }                                                                                             \
+  KV_DISPATCH_SLOTS(T)                                                                          \
   void T::Set(const char* name, const AsnObject* value) {                                       \
     if (!name || !value) throw MiInvalidArgumentExp();                                          \
     AsnObject* e = m_elements.Find(name);                                                       \
@@ -225,24 +209,7 @@ bool AsnChoice::EqualsContent(const AsnObject* other) const {
   return Get()->EqualsContent(o->Get());
 }
 
-unsigned AsnChoice::Encode(AsnEncode& e, MiByteBuffer& out, unsigned pos) const {
-  return e.Encode(*this, out, pos);
-}
-unsigned AsnChoice::EncodeContent(AsnEncode& e, MiByteBuffer& out, unsigned pos) const {
-  return e.EncodeContent(*this, out, pos);
-}
-unsigned AsnChoice::Decode(AsnDecode& d, const MiByte& in, unsigned pos) {
-  return d.Decode(*this, in, pos);
-}
-unsigned AsnChoice::DecodeContent(AsnDecode& d, const MiByte& in, unsigned pos, unsigned length) {
-  return d.DecodeContent(*this, in, pos, length);
-}
-AsnObject* AsnChoice::Clone() const {
-  return new AsnChoice(*this);
-}
-void AsnChoice::ToOstream(std::ostream& os, unsigned indent) const {
-  AsnOstream::DoVisit(*this, os, indent);
-}
+KV_DISPATCH_SLOTS(AsnChoice)
 
 void AsnChoice::AddElement(const AsnObject* e) {
   m_elements.Add(e);
@@ -339,25 +306,7 @@ bool AsnContainer::EqualsContent(const AsnObject* other) const {
   return m_data->EqualsContent(o->m_data.get());
 }
 
-unsigned AsnContainer::Encode(AsnEncode& e, MiByteBuffer& out, unsigned pos) const {
-  return e.Encode(*this, out, pos);
-}
-unsigned AsnContainer::EncodeContent(AsnEncode& e, MiByteBuffer& out, unsigned pos) const {
-  return e.EncodeContent(*this, out, pos);
-}
-unsigned AsnContainer::Decode(AsnDecode& d, const MiByte& in, unsigned pos) {
-  return d.Decode(*this, in, pos);
-}
-unsigned AsnContainer::DecodeContent(AsnDecode& d, const MiByte& in, unsigned pos,
-                                     unsigned length) {
-  return d.DecodeContent(*this, in, pos, length);
-}
-AsnObject* AsnContainer::Clone() const {
-  return new AsnContainer(*this);
-}
-void AsnContainer::ToOstream(std::ostream& os, unsigned indent) const {
-  AsnOstream::DoVisit(*this, os, indent);
-}
+KV_DISPATCH_SLOTS(AsnContainer)
 
 void AsnContainer::SetData(const AsnObject* data) {
   m_data.reset(data ? data->Clone() : nullptr);
