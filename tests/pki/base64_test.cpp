@@ -1,11 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -85,22 +82,6 @@ std::string RunCommand(const std::string& command) {
   EXPECT_EQ(r.status, 0) << command;
   return r.out;
 }
-
-// A scratch directory removed at the end of the test.
-struct TempDir {
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "kv_b64_XXXXXX").string();
-    if (mkdtemp(&pattern[0]) != nullptr) path = pattern;
-  }
-  ~TempDir() {
-    if (!path.empty()) std::filesystem::remove_all(path);
-  }
-  std::string Write(const std::string& name, const std::string& data) const {
-    std::ofstream(path + "/" + name, std::ios::binary) << data;
-    return path + "/" + name;
-  }
-  std::string path;
-};
 
 // tests/data/base64/known_answers.txt: "encode <hex> <text>" and
 // "decode <text> <hex>", tab-separated.
@@ -196,8 +177,8 @@ TEST(Base64, MiByteForms) {
 // Python's base64 module is the oracle for the text of many lengths.
 TEST(Base64, EncodingMatchesPython) {
   std::mt19937 rng(20261123);
-  TempDir dir;
-  ASSERT_FALSE(dir.path.empty());
+  kvtest::TempDir dir;
+  ASSERT_FALSE(dir.Path().empty());
   std::vector<std::size_t> lengths;
   for (std::size_t n = 0; n <= 200; ++n) lengths.push_back(n);
   for (std::size_t n : {255u, 256u, 767u, 768u, 769u, 3071u, 3072u, 4096u, 65536u, 100001u}) {
@@ -227,8 +208,8 @@ TEST(Base64, EncodingMatchesPython) {
 // our decoder must read its output back to the data.
 TEST(Base64, OpenSslTextDecodesAndMatchesOurLines) {
   std::mt19937 rng(7);
-  TempDir dir;
-  ASSERT_FALSE(dir.path.empty());
+  kvtest::TempDir dir;
+  ASSERT_FALSE(dir.Path().empty());
   for (std::size_t n : {1u, 2u, 3u, 47u, 48u, 49u, 95u, 96u, 1000u, 5000u, 65535u}) {
     std::string data = RandomBytes(rng, n);
     std::string theirs = RunCommand("openssl base64 -in " + dir.Write("d.bin", data));

@@ -5,7 +5,6 @@
 #include <stdlib.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -19,24 +18,7 @@ using rsatest::Key;
 
 namespace {
 
-namespace fs = std::filesystem;
-
-class TempDir {
- public:
-  TempDir() {
-    char tmpl[] = "/tmp/kv-rsa-XXXXXX";
-    char* p = mkdtemp(tmpl);
-    if (p) path_ = p;
-  }
-  ~TempDir() {
-    std::error_code ec;
-    if (!path_.empty()) fs::remove_all(path_, ec);
-  }
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
+using kvtest::TempDir;
 
 // Runs a shell command; returns its exit status and standard output.
 int Shell(const std::string& cmd, std::string* out = nullptr) {

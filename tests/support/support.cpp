@@ -1,10 +1,12 @@
 #include "support/support.h"
 
 #include <dirent.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -94,6 +96,22 @@ ShellResult RunShell(const std::string& command) {
   int st = pclose(p);
   r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
   return r;
+}
+
+TempDir::TempDir() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "kvtest-XXXXXX").string();
+  if (mkdtemp(&pattern[0]) != nullptr) path_ = pattern;
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  if (!path_.empty()) std::filesystem::remove_all(path_, ec);
+}
+
+std::string TempDir::Write(const std::string& name, const std::string& data) const {
+  const std::string path = *this / name;
+  std::ofstream(path, std::ios::binary) << data;
+  return path;
 }
 
 }  // namespace kvtest

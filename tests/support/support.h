@@ -1,7 +1,7 @@
-// Helpers shared by every test program: files, PEM armour, the system roots
-// and shell commands. Base64 is decoded here on purpose: the toolkit's own
-// codec is tested elsewhere and must not be able to hide a fault of the code
-// that reads these inputs.
+// Helpers shared by every test program: files, PEM armour, the system roots,
+// shell commands and scratch directories. Base64 is decoded here on purpose:
+// the toolkit's own codec is tested elsewhere and must not be able to hide a
+// fault of the code that reads these inputs.
 #pragma once
 
 #include <string>
@@ -30,5 +30,24 @@ struct ShellResult {
 
 // Runs a shell command line.
 ShellResult RunShell(const std::string& command);
+
+// A scratch directory, removed with everything in it when the object goes.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  // Empty when the directory could not be made.
+  const std::string& Path() const { return path_; }
+  // The path of name inside the directory.
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+  // Writes data to name inside the directory; returns its path.
+  std::string Write(const std::string& name, const std::string& data) const;
+
+ private:
+  std::string path_;
+};
 
 }  // namespace kvtest

@@ -25,18 +25,13 @@ std::string Kv(const std::string& args) {
 
 class KorvantaCommand : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/kvcliXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-  }
-  void TearDown() override { RunShell("rm -rf " + dir_); }
-  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+  void SetUp() override { ASSERT_FALSE(dir_.Path().empty()); }
+  std::string Path(const std::string& name) const { return dir_ / name; }
   // Runs an openssl command line that must succeed.
   void Openssl(const std::string& args) {
     ASSERT_EQ(RunShell("openssl " + args + " 2>/dev/null").status, 0) << args;
   }
-  std::string dir_;
+  kvtest::TempDir dir_;
 };
 
 TEST_F(KorvantaCommand, DumpsASystemRootInEveryInputFormat) {
