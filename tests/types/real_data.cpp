@@ -1,9 +1,5 @@
 #include "real_data.h"
 
-#include <cstdio>
-#include <fstream>
-#include <sstream>
-
 namespace kvtest {
 
 std::vector<std::string> DerOf(const std::string& path, const std::string& form,
