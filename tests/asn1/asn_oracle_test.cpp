@@ -4,7 +4,6 @@
 // must read OpenSSL's octets back to the values of the configuration.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
 #include <cstdlib>
 
 #include "asn_test_util.h"
@@ -13,20 +12,7 @@ using namespace asntest;
 
 namespace {
 
-class TempDir {
- public:
-  TempDir() {
-    char tmpl[] = "/tmp/kv-asn1-XXXXXX";
-    path_ = mkdtemp(tmpl) ? tmpl : "";
-  }
-  ~TempDir() {
-    if (!path_.empty()) std::system(("rm -rf '" + path_ + "'").c_str());
-  }
-  std::string File(const char* name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
+using kvtest::TempDir;
 
 bool Shell(const std::string& cmd, const std::string& out = "/dev/null") {
   return std::system((cmd + " >'" + out + "' 2>/dev/null").c_str()) == 0;
@@ -103,9 +89,9 @@ class OpenSslOracle : public ::testing::Test {
   void SetUp() override {
     if (!Shell("openssl version")) GTEST_SKIP() << "openssl not found";
     const std::string cnf = std::string(KV_TEST_DATA_DIR) + "/asn1/oracle.cnf";
-    ASSERT_TRUE(Shell("openssl asn1parse -noout -genconf '" + cnf + "' -out '" +
-                      dir.File("ref.der") + "'"));
-    std::string raw = ReadFile(dir.File("ref.der"));
+    ASSERT_TRUE(
+        Shell("openssl asn1parse -noout -genconf '" + cnf + "' -out '" + dir / "ref.der" + "'"));
+    std::string raw = ReadFile(dir / "ref.der");
     ASSERT_FALSE(raw.empty());
     ref = MiByte(raw.data(), static_cast<unsigned>(raw.size()));
   }
@@ -119,9 +105,9 @@ TEST_F(OpenSslOracle, OurEncodingEqualsOpenSslsAndParses) {
   s.DerEncode(ours, 0);
   EXPECT_EQ(Hex(ours), Hex(ref));
 
-  WriteFile(dir.File("ours.der"), ours);
-  const std::string out = dir.File("parse.txt");
-  ASSERT_TRUE(Shell("openssl asn1parse -inform DER -in '" + dir.File("ours.der") + "'", out));
+  WriteFile(dir / "ours.der", ours);
+  const std::string out = dir / "parse.txt";
+  ASSERT_TRUE(Shell("openssl asn1parse -inform DER -in '" + dir / "ours.der" + "'", out));
   const std::string text = ReadFile(out);
   for (const char* expected :
        {"hl=4 l= 452 cons: SEQUENCE", "prim: BOOLEAN           :255",
@@ -175,8 +161,8 @@ TEST_F(OpenSslOracle, GenstrValuesOfEveryPrimitiveDecode) {
     std::unique_ptr<AsnObject> expected(c.obj);
     SCOPED_TRACE(c.genstr);
     ASSERT_TRUE(Shell(std::string("openssl asn1parse -noout -genstr '") + c.genstr + "' -out '" +
-                      dir.File("v.der") + "'"));
-    std::string raw = ReadFile(dir.File("v.der"));
+                      dir / "v.der" + "'"));
+    std::string raw = ReadFile(dir / "v.der");
     MiByte in(raw.data(), static_cast<unsigned>(raw.size()));
     std::unique_ptr<AsnObject> got(expected->Clone());
     got->Reset(nullptr);

@@ -2,7 +2,6 @@
 // padding included.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -13,6 +12,7 @@
 
 #include "crypto/crypto.h"
 #include "crypto/kat_reader.h"
+#include "support/support.h"
 
 namespace kvtest {
 namespace {
@@ -21,12 +21,8 @@ class OpensslCli : public testing::Test {
  protected:
   void SetUp() override {
     if (std::system("openssl version >/dev/null 2>&1") != 0) GTEST_SKIP() << "no openssl";
-    char tmpl[] = "/tmp/kv-symm-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-  }
-  void TearDown() override {
-    if (!dir_.empty()) std::system(("rm -rf '" + dir_ + "'").c_str());
+    ASSERT_FALSE(tmp_.Path().empty());
+    dir_ = tmp_.Path();
   }
 
   std::vector<uint8_t> Random(size_t n) {
@@ -61,6 +57,7 @@ class OpensslCli : public testing::Test {
     return s;
   }
 
+  TempDir tmp_;
   std::string dir_;
   std::mt19937 rng_{1123};
   const std::vector<size_t> sizes_ = {0, 1, 7, 8, 9, 15, 16, 17, 100, 1000, 4099};

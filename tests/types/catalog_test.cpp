@@ -27,31 +27,30 @@ std::string FirstCert(const std::string& rel) {
 }
 
 TEST(Generator, CommittedSourcesAreUpToDate) {
-  char dir[] = "/tmp/kv-catalog-XXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
+  kvtest::TempDir tmp;
+  ASSERT_FALSE(tmp.Path().empty());
+  const std::string& dir = tmp.Path();
   std::string src = std::string(KV_SOURCE_DIR) + "/asn1/types/";
   std::string cmd = "/usr/bin/python3 " + src + "generate.py " + dir + " > /dev/null";
   ASSERT_EQ(std::system(cmd.c_str()), 0);
   for (const char* f : {"types.h", "types_1.cpp", "types_2.cpp", "types_3.cpp", "types_4.cpp",
                         "types_registry.cpp"}) {
-    std::string fresh = ReadFile(std::string(dir) + "/" + f);
+    std::string fresh = ReadFile(dir + "/" + f);
     EXPECT_FALSE(fresh.empty()) << f;
     EXPECT_TRUE(fresh == ReadFile(src + f)) << f << " differs from the generator's output";
   }
-  std::system(("rm -rf " + std::string(dir)).c_str());
 }
 
 TEST(Generator, RefusesAMalformedTable) {
-  char dir[] = "/tmp/kv-catalog-XXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
+  kvtest::TempDir tmp;
+  ASSERT_FALSE(tmp.Path().empty());
   std::string src = std::string(KV_SOURCE_DIR) + "/asn1/types/";
   // A copy of the generator next to a table whose element has a bad tag.
-  std::string d(dir);
+  const std::string& d = tmp.Path();
   std::string cmd =
       "cp " + src + "generate.py " + d + "/ && printf 'X SEQUENCE\\n  a AsnInteger [0]xx M\\n' > " +
       d + "/catalog.tab && /usr/bin/python3 " + d + "/generate.py " + d + "/out > /dev/null 2>&1";
   EXPECT_NE(std::system(cmd.c_str()), 0);
-  std::system(("rm -rf " + d).c_str());
 }
 
 // ---- tags and presence
