@@ -1,6 +1,31 @@
 #include "asn1/types/internal/catalog_support.h"
 
+#include <memory>
+
 namespace kv_catalog {
+
+AsnObject* Slot(AsnObject* element, const char* name, ASN_STATE state) {
+  std::unique_ptr<AsnObject> e(element);
+  e->SetAsnName(name);
+  e->SetAsnState(state);
+  return e.release();
+}
+
+AsnObject* ImplicitSlot(AsnObject* element, ASN_TAG_CLASS tagClass, uint32_t number,
+                        const char* name, ASN_STATE state) {
+  std::unique_ptr<AsnObject> e(element);
+  e->SetAsnTag(tagClass, ASN_TAG_MODE_IMPLICIT, number);
+  return Slot(e.release(), name, state);
+}
+
+AsnObject* ExplicitSlot(AsnObject* inner, ASN_TAG_CLASS tagClass, uint32_t number, const char* name,
+                        ASN_STATE state) {
+  std::unique_ptr<AsnObject> data(inner);
+  auto c = std::make_unique<AsnContainer>();
+  c->SetAsnTag(tagClass, ASN_TAG_MODE_EXPLICIT, number);
+  c->SetDataSpace(data.release());
+  return Slot(c.release(), name, state);
+}
 
 void Assign(AsnObject* slot, const AsnObject& value, TagRule rule) {
   if (slot == &value) {

@@ -186,26 +186,21 @@ def registry(types):
 
 
 def setup_element(e, choice):
-    lines = ["  {\n"]
+    # CHOICE alternatives keep the mandatory state; the selection says which one is there.
+    state = "ASN_STATE_MANDATORY" if choice else STATES[e.state]
     if e.explicit:
-        lines.append("    auto e = std::make_unique<AsnContainer>();\n")
-        lines.append("    e->SetAsnTag(%s, ASN_TAG_MODE_EXPLICIT, %d);\n"
-                     % (e.tag_class, e.tag_number))
-        lines.append("    e->SetDataSpace(new %s());\n" % e.cpp_type)
+        slot = "kv_catalog::ExplicitSlot(new %s(), %s, %d, \"%s\", %s)" % (
+            e.cpp_type, e.tag_class, e.tag_number, e.name, state)
+    elif e.implicit:
+        slot = "kv_catalog::ImplicitSlot(new %s(), %s, %d, \"%s\", %s)" % (
+            e.cpp_type, e.tag_class, e.tag_number, e.name, state)
     else:
-        lines.append("    auto e = std::make_unique<%s>();\n" % e.cpp_type)
-        if e.implicit:
-            lines.append("    e->SetAsnTag(%s, ASN_TAG_MODE_IMPLICIT, %d);\n"
-                         % (e.tag_class, e.tag_number))
-    lines.append("    e->SetAsnName(\"%s\");\n" % e.name)
-    if not choice and e.state != "M":
-        lines.append("    e->SetAsnState(%s);\n" % STATES[e.state])
-    lines.append("    AddElementSpace(e.release());\n  }\n")
-    return "".join(lines)
+        slot = "kv_catalog::Slot(new %s(), \"%s\", %s)" % (e.cpp_type, e.name, state)
+    return "  AddElementSpace(%s);\n" % slot
 
 
 def source(types, index):
-    out = [HEADER_NOTE, "#include <memory>\n\n#include \"asn1/types/internal/catalog_support.h\"\n"
+    out = [HEADER_NOTE, "#include \"asn1/types/internal/catalog_support.h\"\n"
            "#include \"asn1/types/types.h\"\n\nusing kv_catalog::Assign;\n"
            "using kv_catalog::Data;\nusing kv_catalog::Inner;\nusing kv_catalog::Present;\n"]
     for t in types:

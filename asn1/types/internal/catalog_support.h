@@ -28,6 +28,16 @@ inline AsnObject* Data(AsnObject* alternative) {
   return alternative ? static_cast<AsnContainer*>(alternative)->GetData() : nullptr;
 }
 
+// Element slots for SetupElements, each returned ready for AddElementSpace:
+// an untagged one, an implicitly tagged one (the tag on the element itself)
+// and an explicitly tagged one (a container bearing the tag, holding inner).
+// Each takes ownership of the object it is given.
+AsnObject* Slot(AsnObject* element, const char* name, ASN_STATE state);
+AsnObject* ImplicitSlot(AsnObject* element, ASN_TAG_CLASS tagClass, uint32_t number,
+                        const char* name, ASN_STATE state);
+AsnObject* ExplicitSlot(AsnObject* inner, ASN_TAG_CLASS tagClass, uint32_t number, const char* name,
+                        ASN_STATE state);
+
 // Copies value into an element slot and marks it present. The slot keeps its
 // name, state and any-type flag (and its tag under KEEP_TAG): those belong
 // to the structure, not to the value.
