@@ -2,3 +2,4 @@
 #pragma once
 #include "pki/base64.h"
 #include "pki/errors.h"
+#include "pki/flat.h"
