@@ -8,6 +8,8 @@ packages=(
   libgtest-dev libgmock-dev libssl-dev openssl ca-certificates
   python3 python3-cryptography python3-cryptography-vectors python3-pycryptodome
   golang-golang-x-crypto-dev
+  softhsm2 opensc gnutls-bin libnss3-tools
+  mingw-w64 mingw-w64-tools
 )
 
 missing=()
