@@ -20,12 +20,12 @@ extern "C" {
 
 /* Object-layer statuses of the token layer. */
 enum {
-  KV_P11_ERR_NO_ALGORITHM = -1001,    /* AlgorithmIdentifier without an algorithm */
-  KV_P11_ERR_NO_MATERIAL = -1003,     /* key lacks its material / nothing to return */
-  KV_P11_ERR_UNSUPPORTED = -1006,     /* algorithm, RC2 version or key kind */
-  KV_P11_ERR_RC2_SIZE = -1007,        /* RC2 size value exceeds the key length */
-  KV_P11_ERR_ARGUMENT = -1010,        /* required argument null or empty */
-  KV_P11_ERR_RC2_NO_PARAMS = -1016,   /* RC2 identifier without parameters */
+  KV_P11_ERR_NO_ALGORITHM = -1001,  /* AlgorithmIdentifier without an algorithm */
+  KV_P11_ERR_NO_MATERIAL = -1003,   /* key lacks its material / nothing to return */
+  KV_P11_ERR_UNSUPPORTED = -1006,   /* algorithm, RC2 version or key kind */
+  KV_P11_ERR_RC2_SIZE = -1007,      /* RC2 size value exceeds the key length */
+  KV_P11_ERR_ARGUMENT = -1010,      /* required argument null or empty */
+  KV_P11_ERR_RC2_NO_PARAMS = -1016, /* RC2 identifier without parameters */
   KV_P11_ERR_CERT_LABEL_TAKEN = -1028,
   KV_P11_ERR_PUB_LABEL_TAKEN = -1029,
   KV_P11_ERR_PRIV_LABEL_TAKEN = -1030,

@@ -32,8 +32,7 @@ int KV_DestroyList(KV_LIST* list);
 int KV_ListAppend(KV_LIST* list, const unsigned char* data, unsigned int n);
 int KV_ListCount(const KV_LIST* list, unsigned int* count);
 /* Item i by reference (valid until the list changes); -1017 out of range. */
-int KV_ListGet(const KV_LIST* list, unsigned int i, const unsigned char** data,
-               unsigned int* n);
+int KV_ListGet(const KV_LIST* list, unsigned int i, const unsigned char** data, unsigned int* n);
 /* Item i copied out, with the output-buffer rule of crypto/keyconv.h. */
 int KV_ListCopy(const KV_LIST* list, unsigned int i, unsigned char* out, unsigned int* n);
 int KV_ListRemove(KV_LIST* list, unsigned int i);

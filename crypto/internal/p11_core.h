@@ -62,13 +62,13 @@ struct KeyInfo {
   KeyInfo& operator=(const KeyInfo&) = default;
   ~KeyInfo();
 
-  int accessKind = 0;      // KV_AK_*
-  int kind = -1;           // KV_KEY_*
-  bool onToken = false;    // true: `label` names a key object on the token
+  int accessKind = 0;    // KV_AK_*
+  int kind = -1;         // KV_KEY_*
+  bool onToken = false;  // true: `label` names a key object on the token
   std::string label;
-  Bytes secret;            // session key
-  int size = 0;            // its size value
-  Bytes comp[8];           // public: comp[0] n, comp[1] e; private: n e d p q dP dQ qInv
+  Bytes secret;   // session key
+  int size = 0;   // its size value
+  Bytes comp[8];  // public: comp[0] n, comp[1] e; private: n e d p q dP dQ qInv
 };
 
 class Store {
@@ -93,8 +93,8 @@ class Store {
   // 0 when the signature holds, -13 when it does not.
   virtual int Verify(const AlgInfo& alg, const KeyInfo& key, const unsigned char* data, size_t n,
                      const unsigned char* sig, size_t sigLen) = 0;
-  virtual int SignRecover(const AlgInfo& alg, const KeyInfo& key, const unsigned char* in,
-                          size_t n, Bytes& out) = 0;
+  virtual int SignRecover(const AlgInfo& alg, const KeyInfo& key, const unsigned char* in, size_t n,
+                          Bytes& out) = 0;
   // Block-by-block v1.5 type 2. With out null only *outLen is set.
   virtual int BigEncrypt(const KeyInfo& key, const unsigned char* in, size_t n, unsigned char* out,
                          size_t* outLen) = 0;
