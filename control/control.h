@@ -1,0 +1,4 @@
+// Umbrella header of the enrolment control.
+#pragma once
+
+#include "control/platform.h"
