@@ -279,7 +279,8 @@ TEST_F(SoftOp, CopiesOpenTheirOwnChooser) {
   KV_P11_OP copy(*source);
   KV_P11_OP assigned;
   assigned = *source;
-  assigned = assigned;  // self-assignment keeps the chooser
+  KV_P11_OP& alias = assigned;
+  assigned = alias;  // self-assignment keeps the chooser
   delete source;
   for (KV_P11_OP* op : {&copy, &assigned}) {
     ASSERT_EQ(op->Digest(sha1, in, out), 0);
