@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Runs every test on a fresh Debian machine: installs what is needed, builds
-# with g++ and runs ctest; builds the library for Windows with mingw-w64; builds again with clang under AddressSanitizer and
-# UndefinedBehaviorSanitizer and runs ctest; builds the libFuzzer targets and
-# runs each for a short fixed time on its seed corpus.
+# with g++ and runs ctest; builds the library for Windows with mingw-w64;
+# builds again with clang under AddressSanitizer and UndefinedBehaviorSanitizer
+# and runs ctest; builds the libFuzzer targets and runs each for a short fixed
+# time on its seed corpus.
 #
 #   KV_FUZZ_SECONDS  seconds per fuzz target (default 20; 0 skips fuzzing)
 #   KV_JOBS          parallel build and test jobs (default: number of cores)
