@@ -513,6 +513,10 @@ class ModuleStore final : public Store {
     if (rc != kOk) return rc;
     size_t k = StripZeros(pub.comp[0]).size();
     if (k < 12 || n % k != 0) return kBadLength;
+    if (out == nullptr) {  // an upper bound, as the soft token gives
+      *outLen = n / k * (k - 11);
+      return kOk;
+    }
     Bytes plain;
     for (size_t off = 0; off < n; off += k) {
       Bytes block;
@@ -524,13 +528,11 @@ class ModuleStore final : public Store {
       plain.insert(plain.end(), block.begin(), block.end());
       Wipe(block.data(), block.size());
     }
-    if (out != nullptr) {
-      if (*outLen < plain.size()) {
-        Wipe(plain.data(), plain.size());
-        return kBadLength;
-      }
-      if (!plain.empty()) std::memcpy(out, plain.data(), plain.size());
+    if (*outLen < plain.size()) {
+      Wipe(plain.data(), plain.size());
+      return kBadLength;
     }
+    if (!plain.empty()) std::memcpy(out, plain.data(), plain.size());
     *outLen = plain.size();
     Wipe(plain.data(), plain.size());
     return kOk;

@@ -37,8 +37,8 @@ for name in sorted(os.listdir(d)):
 TEST(CertFields, MatchPythonOverTheSystemRoots) {
   kvtest::TempDir d;
   std::string script = d.Write("oracle.py", kOracle);
-  auto r = kvtest::RunShell("python3 '" + script + "' '" + kvtest::kSystemRootsDir + "' '" +
-                            d.Path() + "'");
+  auto r = kvtest::RunShell(std::string(p11test::kPython) + " '" + script + "' '" +
+                            kvtest::kSystemRootsDir + "' '" + d.Path() + "'");
   ASSERT_EQ(r.status, 0);
   std::istringstream lines(r.out);
   std::string name, subject, issuer, serial, modulus;

@@ -11,6 +11,7 @@ namespace p11test {
 const char kModule[] = "/usr/lib/softhsm/libsofthsm2.so";
 const char kPin[] = "1234";
 const char kSoPin[] = "12345678";
+const char kPython[] = "/usr/bin/python3";
 const char kOpsToken[] = "kv-ops";
 const char kPinToken[] = "kv-pin";
 const char kKnownToken[] = "kv-known";
@@ -72,6 +73,9 @@ const auto* const g_env = ::testing::AddGlobalTestEnvironment(new SoftHsmEnviron
 const kvtest::TempDir& Scratch() {
   return *g_scratch;
 }
+std::string OracleScript() {
+  return std::string(KV_TEST_DATA_DIR) + "/pkcs11/rsa_oracle.py";
+}
 std::string ConfPath() {
   return Scratch() / "softhsm2.conf";
 }
@@ -103,7 +107,8 @@ std::string WritePublicPem(const std::string& name, const std::vector<unsigned c
                            const std::vector<unsigned char>& e) {
   std::string path = Scratch() / name;
   auto r = kvtest::RunShell(
-      "python3 -c 'import sys\n"
+      std::string(kPython) +
+      " -c 'import sys\n"
       "from cryptography.hazmat.primitives.asymmetric import rsa\n"
       "from cryptography.hazmat.primitives import serialization as s\n"
       "k = rsa.RSAPublicNumbers(int(sys.argv[2], 16), int(sys.argv[1], 16)).public_key()\n"

@@ -14,6 +14,10 @@ namespace p11test {
 extern const char kModule[];  // the SoftHSM2 module
 extern const char kPin[];
 extern const char kSoPin[];
+// Debian's interpreter, which has cryptography and pycryptodome.
+extern const char kPython[];
+// The RSA oracle script (tests/data/pkcs11/rsa_oracle.py).
+std::string OracleScript();
 
 // Tokens made by the environment.
 extern const char kOpsToken[];    // key generation, signing, certificates
