@@ -11,34 +11,30 @@ namespace {
 
 using p11test::Hex;
 
-// One line per root: file subject-DER issuer-DER serial-DER modulus ("-" when
-// the key is not RSA), all hex.
+// One line per root: name, subject, issuer, serial ("-" unless a positive
+// short one) and RSA modulus ("-" for other keys), all DER in hex.
 const char kOracle[] = R"PY(
 import sys, os, warnings
-warnings.simplefilter('ignore')
 from cryptography import x509
 from cryptography.hazmat.primitives.asymmetric import rsa
 from cryptography.hazmat.primitives.serialization import Encoding
-d = sys.argv[1]
-for name in sorted(os.listdir(d)):
-    c = x509.load_pem_x509_certificate(open(os.path.join(d, name), 'rb').read())
-    der = c.public_bytes(Encoding.DER)
-    open(os.path.join(sys.argv[2], name + '.der'), 'wb').write(der)
+warnings.simplefilter('ignore')
+for name in sorted(os.listdir(sys.argv[1])):
+    c = x509.load_pem_x509_certificate(open(os.path.join(sys.argv[1], name), 'rb').read())
+    open(os.path.join(sys.argv[2], name + '.der'), 'wb').write(c.public_bytes(Encoding.DER))
     s = c.serial_number
-    body = s.to_bytes((s.bit_length() + 8) // 8, 'big')
-    serial = bytes([2, len(body)]) + body if 0 < s and len(body) < 128 else None
+    body = s.to_bytes((s.bit_length() + 8) // 8, 'big') if s > 0 else b''
+    serial = (bytes([2, len(body)]) + body).hex() if 0 < len(body) < 128 else '-'
     k = c.public_key()
-    mod = format(k.public_numbers().n, 'x') if isinstance(k, rsa.RSAPublicKey) else '-'
-    if len(mod) % 2 and mod != '-': mod = '0' + mod
-    print(name, c.subject.public_bytes().hex(), c.issuer.public_bytes().hex(),
-          serial.hex() if serial else '-', mod)
+    mod = '%x' % k.public_numbers().n if isinstance(k, rsa.RSAPublicKey) else '-'
+    print(name, c.subject.public_bytes().hex(), c.issuer.public_bytes().hex(), serial,
+          ('0' + mod if len(mod) % 2 and mod != '-' else mod))
 )PY";
 
 TEST(CertFields, MatchPythonOverTheSystemRoots) {
   kvtest::TempDir d;
-  std::string script = d.Write("oracle.py", kOracle);
-  auto r = kvtest::RunShell(std::string(p11test::kPython) + " '" + script + "' '" +
-                            kvtest::kSystemRootsDir + "' '" + d.Path() + "'");
+  auto r = kvtest::RunShell(std::string(p11test::kPython) + " '" + d.Write("o.py", kOracle) +
+                            "' '" + kvtest::kSystemRootsDir + "' '" + d.Path() + "'");
   ASSERT_EQ(r.status, 0);
   std::istringstream lines(r.out);
   std::string name, subject, issuer, serial, modulus;
@@ -54,46 +50,29 @@ TEST(CertFields, MatchPythonOverTheSystemRoots) {
     if (serial != "-") {
       EXPECT_EQ(Hex(f.serial), serial) << name;
     }
-    EXPECT_EQ(modulus == "-" ? "" : modulus, Hex(f.modulus)) << name;
+    EXPECT_EQ(Hex(f.modulus), modulus == "-" ? "" : modulus) << name;
     ++count;
     rsa += modulus != "-";
   }
   EXPECT_GT(count, 50);
   EXPECT_GT(rsa, 20);
-  EXPECT_LT(rsa, count) << "the roots include non-RSA keys";
+  EXPECT_LT(rsa, count) << "the roots include keys that are not RSA";
 }
 
-TEST(CertFields, RejectsWhatIsNotACertificateWithoutReadingPastTheEnd) {
+TEST(CertFields, EveryCutBeforeTheKeyIsRefusedWithoutReadingPastTheEnd) {
   auto names = kvtest::SystemRootNames();
   ASSERT_FALSE(names.empty());
-  std::string pem = kvtest::ReadFile(std::string(kvtest::kSystemRootsDir) + "/" + names[0]);
-  auto blocks = kvtest::PemBlocks(pem, {"CERTIFICATE"});
+  auto blocks = kvtest::PemBlocks(
+      kvtest::ReadFile(std::string(kvtest::kSystemRootsDir) + "/" + names[0]), {"CERTIFICATE"});
   ASSERT_EQ(blocks.size(), 1u);
-  const std::string& der = blocks[0];
   kv::p11::CertFields f;
-  // Every cut inside the TBSCertificate up to its key fails (a heap copy of
-  // exactly the cut length, so an over-read shows under AddressSanitizer).
-  for (size_t n = 0; n < der.size() / 2; ++n) {
-    std::vector<unsigned char> cut(der.begin(), der.begin() + static_cast<std::ptrdiff_t>(n));
-    EXPECT_FALSE(kv::p11::ReadCertFields(cut.data(), cut.size(), &f)) << n;
+  // A heap copy of exactly the cut length, so an over-read shows under ASan.
+  for (size_t n = 0; n < blocks[0].size() / 2; ++n) {
+    std::vector<unsigned char> cut(blocks[0].begin(), blocks[0].begin() + long(n));
+    EXPECT_FALSE(kv::p11::ReadCertFields(cut.data(), n, &f)) << n;
   }
-  const std::vector<std::vector<unsigned char>> bad = {
-      {0x30, 0x80, 0x00, 0x00},                    // indefinite length
-      {0x30, 0x85, 0x01, 0x00, 0x00, 0x00, 0x00},  // five length octets
-      {0x31, 0x00},                                // a SET
-      {0x30, 0x02, 0x30, 0x00},                    // empty TBSCertificate
-      {0x30, 0x04, 0x30, 0x02, 0x05, 0x00},        // no serial number
-  };
-  for (const auto& b : bad) EXPECT_FALSE(kv::p11::ReadCertFields(b.data(), b.size(), &f));
-  EXPECT_FALSE(kv::p11::ReadCertFields(nullptr, 10, &f));
-  EXPECT_TRUE(f.subject.empty());
-}
-
-TEST(CertFields, KeyIdIsSha1OfTheModulusWithoutLeadingZeros) {
-  // SHA-1("abc") from FIPS 180: the same ID whatever zero octets lead.
-  std::vector<unsigned char> n = {'a', 'b', 'c'}, padded = {0, 0, 'a', 'b', 'c'};
-  EXPECT_EQ(Hex(kv::p11::KeyIdOfModulus(n)), "a9993e364706816aba3e25717850c26c9cd0d89d");
-  EXPECT_EQ(kv::p11::KeyIdOfModulus(padded), kv::p11::KeyIdOfModulus(n));
+  const unsigned char indefinite[] = {0x30, 0x80, 0x30, 0x80, 0x02, 0x01, 0x01, 0, 0, 0, 0};
+  EXPECT_FALSE(kv::p11::ReadCertFields(indefinite, sizeof indefinite, &f));
 }
 
 }  // namespace

@@ -73,8 +73,10 @@ const auto* const g_env = ::testing::AddGlobalTestEnvironment(new SoftHsmEnviron
 const kvtest::TempDir& Scratch() {
   return *g_scratch;
 }
-std::string OracleScript() {
-  return std::string(KV_TEST_DATA_DIR) + "/pkcs11/rsa_oracle.py";
+std::string Oracle(const std::string& args) {
+  return kvtest::RunShell(std::string(kPython) + " '" + KV_TEST_DATA_DIR +
+                          "/pkcs11/rsa_oracle.py' " + args)
+      .out;
 }
 std::string ConfPath() {
   return Scratch() / "softhsm2.conf";

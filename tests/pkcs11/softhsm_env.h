@@ -16,8 +16,8 @@ extern const char kPin[];
 extern const char kSoPin[];
 // Debian's interpreter, which has cryptography and pycryptodome.
 extern const char kPython[];
-// The RSA oracle script (tests/data/pkcs11/rsa_oracle.py).
-std::string OracleScript();
+// Output of the RSA oracle (tests/data/pkcs11/rsa_oracle.py) run with args.
+std::string Oracle(const std::string& args);
 
 // Tokens made by the environment.
 extern const char kOpsToken[];    // key generation, signing, certificates
