@@ -73,7 +73,7 @@ int MakeSignerInfo(KV_P11_OP& op, const KV_PKCS7_Signer& signer, const Certifica
 
 int CheckSignerInfo(KV_P11_OP& op, const SignerInfo& info, const std::vector<MiByte>& carried,
                     const MiByte* certDer, const MiByte& octets, const AsnOid& contentType,
-                    const DigestUnwrap* unwrap) {
+                    const DigestUnwrap* unwrap, bool* usedCert) {
   const IssuerAndSerialNumber* id = info.GetIssuerAndSerialNumber();
   if (!id || !info.GetDigestAlgorithm() || !info.GetEncryptedDigest()) return KV_ERR_MISSING_FIELD;
   Certificate cert;
@@ -82,7 +82,9 @@ int CheckSignerInfo(KV_P11_OP& op, const SignerInfo& info, const std::vector<MiB
     int rv = ParseCertificate(*certDer, cert);
     if (rv != 0) return rv;
     found = Identifies(*id, cert);
-  } else {
+    if (usedCert) *usedCert = found;
+  }
+  if (!found) {
     for (const MiByte& c : carried) {
       if (ParseCertificate(c, cert) == 0 && Identifies(*id, cert)) {
         found = true;
@@ -145,6 +147,20 @@ int CheckSignerInfo(KV_P11_OP& op, const SignerInfo& info, const std::vector<MiB
     if (rv != 0) return rv == KV_ERR_DECRYPT ? KV_ERR_SIGNATURE : rv;
   }
   return VerifyDigest(op, pub, kind, covered, sig);
+}
+
+int CheckSigners(KV_P11_OP& op, const std::vector<const SignerInfo*>& signers,
+                 const std::vector<MiByte>& carried, const MiByte* cert, const MiByte& octets,
+                 const AsnOid& contentType, const DigestUnwrap* unwrap) {
+  if (signers.empty()) return KV_ERR_NOT_FOUND;
+  bool certUsed = false;
+  for (const SignerInfo* si : signers) {
+    bool used = false;
+    int rv = CheckSignerInfo(op, *si, carried, cert, octets, contentType, unwrap, &used);
+    if (rv != 0) return rv;
+    certUsed = certUsed || used;
+  }
+  return cert && !certUsed ? KV_ERR_NOT_FOUND : 0;
 }
 
 std::vector<const SignerInfo*> SignerList(const SignerInfos* infos) {
@@ -358,13 +374,15 @@ int KV_PKCS7_SignedData::verifySigner(KV_P11_OP& op, unsigned i, const MiByte* d
 
 int KV_PKCS7_SignedData::verify(KV_P11_OP& op, const MiByte* detachedContent,
                                 const MiByte* cert) const {
-  const unsigned n = signerCount();
-  if (n == 0) return decoded_.Empty() ? KV_ERR_NOTHING_HELD : KV_ERR_NOT_FOUND;
-  for (unsigned i = 0; i < n; ++i) {
-    int rv = verifySigner(op, i, detachedContent, cert);
+  return kv::pki::Guard([&]() -> int {
+    SignedData sd;
+    int rv = DecodeSignedData(decoded_, sd);
     if (rv != 0) return rv;
-  }
-  return 0;
+    if (detached_ && !detachedContent) return KV_ERR_ARGUMENT;
+    const MiByte& octets = detachedContent ? *detachedContent : content_;
+    return CheckSigners(op, SignerList(sd.GetSignerInfos()), certs_, cert, octets,
+                        *sd.GetContentInfo()->GetContentType(), nullptr);
+  });
 }
 
 // ---- flat functions -------------------------------------------------------
