@@ -11,6 +11,9 @@ cryptography and pycryptodome. Only a minimal DER reader and writer is ours.
   open-sae MSG RECIPIENT-KEY SIGNER-CERT OUT
       decrypts a signedAndEnvelopedData as that recipient, checks its signer
       and writes the content; prints "ok"
+  parts-sae MSG DIR
+      writes the first recipient's encrypted key (key.enc), the content IV in
+      hex (iv.hex) and the encrypted content (content.enc) into DIR
 """
 import os
 import sys
@@ -237,7 +240,7 @@ def open_sae(msg_path, recip_key, signer_cert, out_path):
         make = lambda: DES.new(key, DES.MODE_CBC, alg[1][2])
     elif alg_oid == "1.2.840.113549.3.2":
         p = kids(alg[1][2])
-        bits = {b"\xa0": 40, b"\x78": 64, b"\x3a": 128}[p[0][2]]
+        bits = {160: 40, 120: 64, 58: 128}[int.from_bytes(p[0][2], "big")]
         make = lambda: ARC2.new(key, ARC2.MODE_CBC, p[1][2], effective_keylen=bits)
     elif alg_oid == "1.2.840.113549.3.4":
         make = lambda: ARC4.new(key)
@@ -256,9 +259,21 @@ def open_sae(msg_path, recip_key, signer_cert, out_path):
     print("ok")
 
 
+def parts_sae(msg_path, out_dir):
+    ci = kids(content_of(read(msg_path)))
+    parts = kids(kids(ci[1][2])[0][2])
+    first = kids(kids(parts[1][2])[0][2])
+    eci = kids(parts[3][2])
+    for name, data in (("key.enc", first[3][2]), ("iv.hex", kids(eci[1][2])[1][2].hex().encode()),
+                       ("content.enc", eci[2][2])):
+        with open(os.path.join(out_dir, name), "wb") as f:
+            f.write(data)
+
+
 def main():
     cmd, args = sys.argv[1], sys.argv[2:]
-    {"verify-signed": verify_signed, "make-sae": make_sae, "open-sae": open_sae}[cmd](*args)
+    {"verify-signed": verify_signed, "make-sae": make_sae, "open-sae": open_sae,
+     "parts-sae": parts_sae}[cmd](*args)
 
 
 if __name__ == "__main__":
