@@ -212,6 +212,13 @@ class KV_PKCS7_SignedData {
                    const MiByte* cert) const;
   int verify(KV_P11_OP& op, const MiByte* detachedContent = nullptr,
              const MiByte* cert = nullptr) const;
+  // Checks that every signer's certificate chains to one of trusted through
+  // the carried certificates and trusted, each certificate signed (SHA-1,
+  // MD5 or MD2 with RSA) by the next: -1022 no chain, -1009 a certificate
+  // signature that does not hold, -1006 another signature algorithm. The
+  // signatures of the message itself are checked by verify.
+  int verifyChain(KV_P11_OP& op, const std::vector<MiByte>& trusted,
+                  const MiByte* cert = nullptr) const;
 
  private:
   struct PendingSigner {

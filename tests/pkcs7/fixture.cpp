@@ -27,9 +27,9 @@ bool MakeParty(const Pki& pki, Party& p, const std::string& name, const std::str
     std::string csr = d / (name + ".csr");
     ok = Openssl("req -new -newkey rsa:2048 -nodes -keyout " + p.keyPem + " -subj \"" + subject +
                  "\" -out " + csr) &&
-         Openssl("x509 -req -in " + csr + " -CA " + issuer->certPem + " -CAkey " + issuer->keyPem +
-                 " -set_serial " + std::to_string(serial) + " -days 3650 -extfile " + extFile +
-                 " -out " + p.certPem);
+         Openssl("x509 -req -sha1 -in " + csr + " -CA " + issuer->certPem + " -CAkey " +
+                 issuer->keyPem + " -set_serial " + std::to_string(serial) +
+                 " -days 3650 -extfile " + extFile + " -out " + p.certPem);
   }
   ok =
       ok && Openssl("x509 -in " + p.certPem + " -outform DER -out " + d / (name + ".der")) &&

@@ -1,6 +1,7 @@
 // A small PKI made by OpenSSL once per test program (root, intermediate, a
-// signer, a recipient and a stranger, all RSA), library contexts and keys,
-// and the OpenSSL command line the oracles run.
+// signer, a recipient and a stranger, all RSA with SHA-1 signatures, which
+// the toolkit can check), library contexts and keys, and the command lines
+// the oracles run.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -184,4 +184,55 @@ TEST_F(SignedDataTest, ObjectInterfaceNamesSignersAndCarriedCertificates) {
   EXPECT_EQ(sd.signerCertificate(1, cert), KV_ERR_INDEX);
 }
 
+TEST_F(SignedDataTest, SignerChainsToATrustedCertificate) {
+  // OpenSSL agrees that the chain holds.
+  ASSERT_TRUE(Openssl("verify -CAfile " + pki_.root.certPem + " -untrusted " + pki_.inter.certPem +
+                      " " + pki_.signer.certPem));
+  auto decode = [](const std::string& msg, KV_PKCS7_SignedData& sd) {
+    ASSERT_EQ(sd.decode(MiByte(msg.data(), N(msg))), 0);
+  };
+  auto bytes = [](const std::string& s) { return MiByte(s.data(), N(s)); };
+  KV_P11_OP op;
+  KV_PKCS11_S soft{};
+  soft.selector = KV_P11_STORE_SOFT;
+  ASSERT_EQ(op.createChooser(&soft), 0);
+  const MiByte root = bytes(pki_.root.cert), inter = bytes(pki_.inter.cert);
+
+  KV_PKCS7_SignedData sd;
+  decode(Sign("x", KV_ALG_SHA1, 0, {pki_.inter.cert}), sd);
+  EXPECT_EQ(sd.verifyChain(op, {root}), 0);
+  EXPECT_EQ(sd.verifyChain(op, {inter}), 0);
+  EXPECT_EQ(sd.verifyChain(op, {}), KV_ERR_CHAIN);
+  EXPECT_EQ(sd.verifyChain(op, {bytes(pki_.stranger.cert)}), KV_ERR_CHAIN);
+  // Without the intermediate in the message the caller can supply it.
+  KV_PKCS7_SignedData bare;
+  decode(Sign("x", KV_ALG_SHA1, 0), bare);
+  EXPECT_EQ(bare.verifyChain(op, {root}), KV_ERR_CHAIN);
+  EXPECT_EQ(bare.verifyChain(op, {inter}), 0);
+
+  // An intermediate whose signature was spoilt (its last octet).
+  std::string badInter = pki_.inter.cert;
+  badInter.back() ^= 0x01;
+  KV_PKCS7_SignedData spoilt;
+  decode(Sign("x", KV_ALG_SHA1, 0, {badInter}), spoilt);
+  EXPECT_EQ(spoilt.verifyChain(op, {root}), KV_ERR_SIGNATURE);
+
+  // A signer certificate signed with SHA-256, which the toolkit lacks.
+  ASSERT_TRUE(Openssl("req -new -key " + pki_.signer.keyPem + " -subj /CN=Signer256 -out " +
+                      Path("s256.csr")));
+  ASSERT_TRUE(Openssl("x509 -req -sha256 -in " + Path("s256.csr") + " -CA " + pki_.inter.certPem +
+                      " -CAkey " + pki_.inter.keyPem + " -set_serial 9 -outform DER -out " +
+                      Path("s256.der")));
+  const std::string s256 = kvtest::ReadFile(Path("s256.der"));
+  PriKey key(pki_.signer.key);
+  PKCS7_SIGNER s{U(s256), N(s256), key.get(), KV_ALG_SHA1};
+  unsigned char* out = nullptr;
+  unsigned n = 0;
+  ASSERT_EQ(PKCS7_WriteSignedDataMsg(ctx_.get(), U(s256), N(s256), &s, 1, nullptr, 0, &out, &n), 0);
+  KV_PKCS7_SignedData sha256;
+  decode(Take(out, n), sha256);
+  EXPECT_EQ(sha256.verify(op), 0);
+  EXPECT_EQ(sha256.verifyChain(op, {inter}), KV_ERR_UNSUPPORTED);
+}
+
 }  // namespace
