@@ -50,11 +50,12 @@ enum {
 /* Digests are named by the token layer's kinds: KV_ALG_SHA1 (1), KV_ALG_MD5
  * (2), KV_ALG_MD2 (3). */
 
-/* Flags of the signed writers. */
+/* Flags of the signed writers (prefixed, since another widely used toolkit's
+ * headers define the bare names as macros). */
 enum {
-  PKCS7_DETACHED = 1, /* leave the content out of the message */
-  PKCS7_NOATTR = 2,   /* sign the content itself, without authenticated attributes */
-  PKCS7_NOCERTS = 4   /* do not carry the signer's certificate */
+  KV_PKCS7_DETACHED = 1, /* leave the content out of the message */
+  KV_PKCS7_NOATTR = 2,   /* sign the content itself, without authenticated attributes */
+  KV_PKCS7_NOCERTS = 4   /* do not carry the signer's certificate */
 };
 
 /* One signer: its certificate (DER), its RSA private key and its digest. */
