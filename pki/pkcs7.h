@@ -16,7 +16,8 @@
 // -1012 wrong content type, -1013 decryption failed (wrong key or corrupted
 // ciphertext), -1018 the message digest attribute or the digest of a
 // digestedData does not match its content, -1019 output buffer too small,
-// -1021 no single leaf certificate; statuses of the token layer pass through.
+// -1021 no single leaf certificate, -1022 no chain to a trusted certificate;
+// statuses of the token layer pass through.
 // A failing reader hands out no content.
 #pragma once
 
