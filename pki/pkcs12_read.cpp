@@ -48,6 +48,8 @@ class Reader {
   int Run(const MiByte& der, const char* password, std::string& integrity) {
     PFX pfx;
     DecodeAll(pfx, der);
+    // The decoder reads by position; the version pins the structure down.
+    if (pfx.GetVersion() == nullptr || pfx.GetVersion()->Int32Value() != 3) return KV_ERR_DECODE;
     const ContentInfo* auth = pfx.GetAuthSafe();
     if (auth == nullptr) return KV_ERR_MISSING_FIELD;
     // Public-key integrity mode (signedData) needs the signer's key; not ours.
