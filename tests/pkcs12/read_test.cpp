@@ -111,6 +111,10 @@ TEST_F(Read, NewerSchemesAreRefusedAsUnsupported) {
   // A SHA-1 MAC over PBES2 bags: the MAC checks, the bags cannot be opened.
   EXPECT_EQ(p12test::Parse(lib_, OpenSslExport("-macalg sha1", "pw"), "pw", p), KV_ERR_UNSUPPORTED);
   EXPECT_EQ(p.c.cert, nullptr);
+  // Iteration counts past a million would hold the reader for minutes.
+  EXPECT_EQ(p12test::Parse(lib_, OpenSslExport("-legacy -nomac -certpbe NONE -iter 1000001", "pw"),
+                           "pw", p),
+            KV_ERR_UNSUPPORTED);
   // ... but the password is still checked first.
   EXPECT_EQ(p12test::Parse(lib_, OpenSslExport("-macalg sha1", "pw"), "wrong", p), KV_ERR_MAC);
 }
