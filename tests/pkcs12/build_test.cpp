@@ -191,19 +191,17 @@ TEST_F(Build, OurReaderGetsBackWhatWentIn) {
   KV_DestroyList(cas);
   p12test::Parsed p;
   ASSERT_EQ(p12test::Parse(lib_, pfx, kUnicodePassword, p), 0);
-  const PKCS_PRIKEY& a = *key_.get();
-  const PKCS_PRIKEY& b = p.c.key;
-  EXPECT_EQ(p12test::Hex(b.modulus, b.modulusLen), p12test::Hex(a.modulus, a.modulusLen));
-  EXPECT_EQ(p12test::Hex(b.publicExponent, b.publicExponentLen),
-            p12test::Hex(a.publicExponent, a.publicExponentLen));
-  EXPECT_EQ(p12test::Hex(b.privateExponent, b.privateExponentLen),
-            p12test::Hex(a.privateExponent, a.privateExponentLen));
-  EXPECT_EQ(p12test::Hex(b.prime1, b.prime1Len), p12test::Hex(a.prime1, a.prime1Len));
-  EXPECT_EQ(p12test::Hex(b.prime2, b.prime2Len), p12test::Hex(a.prime2, a.prime2Len));
-  EXPECT_EQ(p12test::Hex(b.exponent1, b.exponent1Len), p12test::Hex(a.exponent1, a.exponent1Len));
-  EXPECT_EQ(p12test::Hex(b.exponent2, b.exponent2Len), p12test::Hex(a.exponent2, a.exponent2Len));
-  EXPECT_EQ(p12test::Hex(b.coefficient, b.coefficientLen),
-            p12test::Hex(a.coefficient, a.coefficientLen));
+  auto parts = [](const PKCS_PRIKEY& k) {
+    return std::vector<std::string>{p12test::Hex(k.modulus, k.modulusLen),
+                                    p12test::Hex(k.publicExponent, k.publicExponentLen),
+                                    p12test::Hex(k.privateExponent, k.privateExponentLen),
+                                    p12test::Hex(k.prime1, k.prime1Len),
+                                    p12test::Hex(k.prime2, k.prime2Len),
+                                    p12test::Hex(k.exponent1, k.exponent1Len),
+                                    p12test::Hex(k.exponent2, k.exponent2Len),
+                                    p12test::Hex(k.coefficient, k.coefficientLen)};
+  };
+  EXPECT_EQ(parts(p.c.key), parts(*key_.get()));
   EXPECT_TRUE(p.Cert() == cert_);
   EXPECT_EQ(p.Others(), std::vector<std::string>{ca_});
   EXPECT_STREQ(p.c.friendlyName, "Leaf User");
