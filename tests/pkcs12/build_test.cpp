@@ -249,6 +249,11 @@ TEST_F(Build, Statuses) {
   opt.certCipher = 9;
   EXPECT_EQ(gen(ctx, cert_, key_.get(), "pw", &opt), KV_ERR_ARGUMENT);
   opt = KV_PFX_OPTIONS{};
+  for (const char* name : {"\xC3", "key \xF0\x9F\x94\x91"}) {
+    opt.friendlyName = name;
+    EXPECT_EQ(gen(ctx, cert_, key_.get(), "pw", &opt), KV_ERR_ARGUMENT) << name;
+  }
+  opt = KV_PFX_OPTIONS{};
   opt.iterations = -1;
   EXPECT_EQ(gen(ctx, cert_, key_.get(), "pw", &opt), KV_ERR_ARGUMENT);
   opt = KV_PFX_OPTIONS{};
