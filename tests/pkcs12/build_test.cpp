@@ -212,13 +212,21 @@ TEST_F(Build, OurReaderGetsBackWhatWentIn) {
             p12test::Build(lib_, cert_, key_.get(), "pw"));
 }
 
+// The control's path: a decrypted PKCS#1 key (here 1024 bits) decoded by the
+// key conversions, then packed with the fixed password.
 TEST_F(Build, SmallKeyOfTheKmcPath) {
-  p12test::KeyRecord small("small-key.pem");
+  std::string der = p12test::PemDer("small-key.pem");
+  PKCS_PRIKEY key;
+  PKCS_InitPriKey(lib_.ctx(), &key);
+  ASSERT_EQ(KV_PKCS1PriKeyDecode(lib_.ctx(), reinterpret_cast<const unsigned char*>(der.data()),
+                                 static_cast<unsigned>(der.size()), &key),
+            0);
   std::string cert = p12test::PemDer("small.pem");
-  std::string file = Save(p12test::Build(lib_, cert, small.get(), kKmcPassword), kKmcPassword);
+  std::string file = Save(p12test::Build(lib_, cert, &key, kKmcPassword), kKmcPassword);
   OpenSslView v = OpenSsl(file);
-  EXPECT_EQ(v.modulus, "Modulus=" + Upper(small.ModulusHex()) + "\n");
+  EXPECT_EQ(v.modulus, "Modulus=" + Upper(p12test::Hex(key.modulus, key.modulusLen)) + "\n");
   EXPECT_TRUE(v.leaf == cert);
+  PKCS_FreePriKey(lib_.ctx(), &key);
 }
 
 TEST_F(Build, Statuses) {
