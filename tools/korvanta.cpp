@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "asn1/asn1.h"
+#include "cmd_portable.h"
 #include "input.h"
 #include "recognise.h"
 
@@ -27,6 +28,8 @@ const char kMainHelp[] =
     "           message, PFX file, RSA key or any catalogue structure\n"
     "  base64   encode or decode Base64\n"
     "  types    list the catalogue classes that 'dump --type' accepts\n"
+    "  stores   list the certificates of the user's MY, CA and ROOT stores\n"
+    "  containers  list the user's key containers and their keys\n"
     "  help     show help for a verb ('korvanta help dump')\n"
     "\n"
     "Every verb takes --help. Exit status: 0 success, 1 bad input, 2 bad usage.\n";
@@ -231,6 +234,10 @@ int Run(int argc, char** argv) {
       std::cout << kBase64Help;
     } else if (args[0] == "types") {
       std::cout << kTypesHelp;
+    } else if (args[0] == "stores") {
+      std::cout << kvtool::kStoresHelp;
+    } else if (args[0] == "containers") {
+      std::cout << kvtool::kContainersHelp;
     } else {
       return Usage("no verb named \"" + args[0] + "\"", kMainHelp);
     }
@@ -239,6 +246,8 @@ int Run(int argc, char** argv) {
   if (verb == "dump") return Dump(args);
   if (verb == "base64") return Base64(args);
   if (verb == "types") return Types(args);
+  if (verb == "stores") return kvtool::StoresCommand(args);
+  if (verb == "containers") return kvtool::ContainersCommand(args);
   return Usage("no verb named \"" + verb + "\"", kMainHelp);
 }
 
