@@ -387,7 +387,7 @@ bool PortablePlatform::SetKeyParam(KeyHandle key, uint32_t param, const uint8_t*
       same = folder.Save(rec);
     }
     rec.Wipe();
-    return same ? true : Fail(slot.present ? KV_NTE_FAIL : KV_NTE_NO_KEY);
+    return same ? true : Fail(slot.present ? KV_NTE_BAD_KEY : KV_NTE_NO_KEY);
   });
 }
 
