@@ -3,3 +3,4 @@
 #include "pki/base64.h"
 #include "pki/errors.h"
 #include "pki/flat.h"
+#include "pki/pkcs12.h"

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "asn1/asn1.h"
+#include "cmd_pkcs12.h"
 #include "cmd_portable.h"
 #include "input.h"
 #include "recognise.h"
@@ -28,6 +29,7 @@ const char kMainHelp[] =
     "           message, PFX file, RSA key or any catalogue structure\n"
     "  base64   encode or decode Base64\n"
     "  types    list the catalogue classes that 'dump --type' accepts\n"
+    "  pkcs12   build a PFX file from a key and certificates, or list one's bags\n"
     "  stores   list the certificates of the user's MY, CA and ROOT stores\n"
     "  containers  list the user's key containers and their keys\n"
     "  help     show help for a verb ('korvanta help dump')\n"
@@ -246,6 +248,7 @@ int Run(int argc, char** argv) {
   if (verb == "dump") return Dump(args);
   if (verb == "base64") return Base64(args);
   if (verb == "types") return Types(args);
+  if (verb == "pkcs12") return CmdPkcs12(args);
   if (verb == "stores") return kvtool::StoresCommand(args);
   if (verb == "containers") return kvtool::ContainersCommand(args);
   return Usage("no verb named \"" + verb + "\"", kMainHelp);
