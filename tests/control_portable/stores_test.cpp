@@ -252,22 +252,29 @@ TEST_F(StoresTest, CertificatesCompareByIssuerAndSerialNumber) {
   EXPECT_TRUE(p_->CompareCertificate(h[3], h[3]));
 }
 
-TEST_F(StoresTest, ImportedKeyLandsInANewContainerNamedByTheLeaf) {
+TEST_F(StoresTest, PfxImportPutsTheKeyInANewContainerNamedByTheLeaf) {
   Bytes ca = MakeCertificate("ca", "/CN=Import CA");
   Bytes leaf = MakeCertificate("leaf", "/CN=Import Leaf");
-  Must("openssl rsa -in " + (tmp_ / "leaf.key") + " -traditional -outform DER -out " +
-       (tmp_ / "leaf.p1"));
-  Bytes key = Vec(ReadFile(tmp_ / "leaf.p1"));
+  // A PFX as OpenSSL writes it, with the PKCS#12 schemes of the platform's era.
+  auto pfx = [&](const std::string& out, const std::string& password) {
+    Must("openssl x509 -inform DER -in " + (tmp_ / "leaf.der") + " -out " + (tmp_ / "leaf.pem"));
+    Must("openssl x509 -inform DER -in " + (tmp_ / "ca.der") + " -out " + (tmp_ / "ca.pem"));
+    Must("openssl pkcs12 -export -inkey " + (tmp_ / "leaf.key") + " -in " + (tmp_ / "leaf.pem") +
+         " -certfile " + (tmp_ / "ca.pem") +
+         " -keypbe PBE-SHA1-3DES -certpbe PBE-SHA1-3DES -macalg sha1 -passout pass:" +
+         password + " -out " + (tmp_ / out));
+    return Vec(ReadFile(tmp_ / out));
+  };
+  Bytes file = pfx("a.p12", "58203716");
   StoreHandle mem = 0;
-  ASSERT_TRUE(p_->ImportKeyAndCertificates(key, {ca, leaf},
-                                           KV_CRYPT_EXPORTABLE | KV_CRYPT_USER_KEYSET, &mem))
+  ASSERT_TRUE(p_->PFXImportCertStore(file.data(), uint32_t(file.size()), u"58203716",
+                                     KV_CRYPT_EXPORTABLE | KV_CRYPT_USER_KEYSET, &mem))
       << std::hex << p_->GetLastError();
-  EXPECT_EQ(List(mem), (std::vector<Bytes>{ca, leaf}));
+  // The leaf first, bound to the new container; the CA certificate unbound.
+  EXPECT_EQ(List(mem), (std::vector<Bytes>{leaf, ca}));
   CertHandle c = 0;
   ASSERT_TRUE(p_->EnumCertificatesInStore(mem, 0, &c));
   KeyProvInfo info;
-  EXPECT_FALSE(p_->GetKeyProvInfo(c, &info));
-  ASSERT_TRUE(p_->EnumCertificatesInStore(mem, c, &c));
   ASSERT_TRUE(p_->GetKeyProvInfo(c, &info));
   EXPECT_EQ(info.providerName, U16(kEnhanced));
   EXPECT_EQ(info.provType, 1u);
@@ -276,6 +283,8 @@ TEST_F(StoresTest, ImportedKeyLandsInANewContainerNamedByTheLeaf) {
   std::string name(info.containerName.begin(), info.containerName.end());
   EXPECT_EQ(name.front(), '{');
   EXPECT_EQ(name.back(), '}');
+  ASSERT_TRUE(p_->EnumCertificatesInStore(mem, c, &c));
+  EXPECT_FALSE(p_->GetKeyProvInfo(c, &info));
 
   // The container holds that key, exportable as asked: OpenSSL reads it back.
   ProvHandle prov = 0;
@@ -293,8 +302,9 @@ TEST_F(StoresTest, ImportedKeyLandsInANewContainerNamedByTheLeaf) {
   struct stat st;
   EXPECT_NE(::stat((tmp_ / "data/stores").c_str(), &st), 0);
 
+  // Without CRYPT_EXPORTABLE the key stays inside; each import makes a new container.
   StoreHandle locked = 0;
-  ASSERT_TRUE(p_->ImportKeyAndCertificates(key, {leaf}, 0, &locked));
+  ASSERT_TRUE(p_->PFXImportCertStore(file.data(), uint32_t(file.size()), u"58203716", 0, &locked));
   ASSERT_TRUE(p_->EnumCertificatesInStore(locked, 0, &c));
   ASSERT_TRUE(p_->GetKeyProvInfo(c, &info));
   std::string second(info.containerName.begin(), info.containerName.end());
@@ -303,8 +313,15 @@ TEST_F(StoresTest, ImportedKeyLandsInANewContainerNamedByTheLeaf) {
   ASSERT_TRUE(p_->GetUserKey(prov, KV_AT_KEYEXCHANGE, &k));
   EXPECT_FALSE(p_->ExportKey(k, KV_PRIVATEKEYBLOB, 0, nullptr, &len));
   EXPECT_EQ(p_->GetLastError(), uint32_t(KV_NTE_BAD_KEY_STATE));
-  EXPECT_FALSE(p_->ImportKeyAndCertificates(Bytes(10, 0x30), {leaf}, 0, &locked));
+
+  EXPECT_FALSE(p_->PFXImportCertStore(file.data(), uint32_t(file.size()), u"wrong", 0, &locked));
+  EXPECT_EQ(p_->GetLastError(), uint32_t(KV_ERROR_INVALID_PASSWORD));
+  EXPECT_FALSE(p_->PFXImportCertStore(leaf.data(), uint32_t(leaf.size()), u"58203716", 0, &locked));
   EXPECT_EQ(p_->GetLastError(), uint32_t(KV_NTE_BAD_DATA));
+  Bytes unicode = pfx("u.p12", "\xe5\xaf\x86\xe7\xa0\x81");
+  EXPECT_TRUE(p_->PFXImportCertStore(unicode.data(), uint32_t(unicode.size()), u"\u5bc6\u7801",
+                                     0, &locked))
+      << std::hex << p_->GetLastError();
 }
 
 TEST_F(StoresTest, TheChooserSignsWithTheKeyOfTheChosenCertificate) {
