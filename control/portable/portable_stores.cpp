@@ -29,19 +29,6 @@ namespace {
 
 const size_t kMaxCertificateFile = 1 << 20;
 
-template <class F>
-bool Guard(F&& body) {
-  try {
-    return body();
-  } catch (const std::bad_alloc&) {
-    return Fail(KV_NTE_NO_MEMORY);
-  } catch (const MiException&) {
-    return Fail(KV_NTE_FAIL);
-  } catch (const std::exception&) {
-    return Fail(KV_NTE_FAIL);
-  }
-}
-
 // "MY", "CA" or "ROOT" in any case, as the folder name; empty otherwise.
 std::string StoreName(const char* name) {
   if (!name) return std::string();
@@ -213,6 +200,11 @@ bool AddToStore(PortablePlatform::State& st, StoreHandle storeHandle, const Byte
   if (existing) {
     if (disposition == 1) return Fail(KV_CRYPT_E_EXISTS);
     if (disposition == KV_CERT_STORE_ADD_USE_EXISTING) {
+      // Removed from the folder through another handle: put it back.
+      if (!store->folder.empty() && !IsRegularFile(DerPath(*store, *existing)) &&
+          !WriteEntry(*store, *existing)) {
+        return Fail(KV_NTE_FAIL);
+      }
       if (added) *added = NewContext(st, existing);
       return true;
     }
@@ -616,8 +608,11 @@ SignedText PortablePlatform::ChooseAndSign(const std::string& text) {
       for (const auto& e : my.entries) {
         const PropertyRecord& p = e->properties;
         if (!p.hasKeyProvInfo) continue;
-        std::string container;
-        if (!ToNarrow(p.keyProvInfo.containerName, &container)) continue;
+        std::string container, provider;
+        if (!ToNarrow(p.keyProvInfo.containerName, &container) ||
+            !ToNarrow(p.keyProvInfo.providerName, &provider) || !IsSoftwareProvider(provider)) {
+          continue;
+        }
         ContainerRecord rec;
         if (!folder.Load(container, &rec)) continue;
         uint32_t spec = p.keyProvInfo.keySpec;
