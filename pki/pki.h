@@ -3,3 +3,7 @@
 #include "pki/base64.h"
 #include "pki/errors.h"
 #include "pki/flat.h"
+#include "pki/certificate.h"
+#include "pki/dn.h"
+#include "pki/name.h"
+#include "pki/pkcs10.h"
