@@ -7,3 +7,4 @@
 #include "pki/dn.h"
 #include "pki/name.h"
 #include "pki/pkcs10.h"
+#include "pki/pkcs7.h"
