@@ -8,3 +8,4 @@
 #include "pki/name.h"
 #include "pki/pkcs10.h"
 #include "pki/pkcs7.h"
+#include "pki/pkcs12.h"
