@@ -139,8 +139,8 @@ int32_t InstallClientCert(Platform& p, const std::string& provider, std::string*
   }
   // 6. The generated key's container.
   ProvOwner prov(p);
-  const bool opened = p.AcquireContext(prov.out(), container->c_str(), provider.c_str(),
-                                       KV_PROV_RSA_FULL, 0);
+  const bool opened =
+      p.AcquireContext(prov.out(), container->c_str(), provider.c_str(), KV_PROV_RSA_FULL, 0);
   // 7. The certificate must carry the container's key; when the container's
   // key cannot be read the check is skipped.
   uint32_t infoLen = 0;
@@ -150,8 +150,8 @@ int32_t InstallClientCert(Platform& p, const std::string& provider, std::string*
       info.resize(infoLen);
       Bytes certInfo;
       if (!CertificatePublicKeyInfo(leaf, &certInfo) ||
-          !p.ComparePublicKeyInfo(info.data(), static_cast<uint32_t>(info.size()),
-                                  certInfo.data(), static_cast<uint32_t>(certInfo.size()))) {
+          !p.ComparePublicKeyInfo(info.data(), static_cast<uint32_t>(info.size()), certInfo.data(),
+                                  static_cast<uint32_t>(certInfo.size()))) {
         return kKeyMismatch;
       }
     }
@@ -163,8 +163,8 @@ int32_t InstallClientCert(Platform& p, const std::string& provider, std::string*
       // The existing container, no copy.
       if (leaf.empty()) return Install6(kNoCertificate);
       ProvOwner existing(p);
-      if (!p.AcquireContext(existing.out(), container->c_str(), provider.c_str(),
-                            KV_PROV_RSA_FULL, 0)) {
+      if (!p.AcquireContext(existing.out(), container->c_str(), provider.c_str(), KV_PROV_RSA_FULL,
+                            0)) {
         return Install6(kOpenContainer);
       }
       inner = AddToMy(p, existing.get(), leaf, *container, provider, keySpec);
@@ -276,7 +276,8 @@ int32_t CBrendalKorvanta::writeClientCertToPFX(const std::u16string& p7Certs,
   return Guarded([&]() -> int32_t {
     const int32_t block = kBlockClientCertToPFX;
     // The password first, so that a refused call uses nothing up.
-    const std::string password = Narrow(platform_, passwd);
+    // UTF-8, the PFX's own password text, whatever the code page.
+    const std::string password = Utf16ToUtf8(passwd);
     if (password.empty()) return Status(block, kEmptyPassword);
     // A token does not give its key out.
     if (!provider_.empty() && !IsSoftwareProvider(provider_)) {

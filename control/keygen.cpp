@@ -17,8 +17,8 @@ bool IsKeySize(int bits) {
 
 // Fetches the key of keySpec, or generates it when the container has none.
 // 0, kGenerateKey or kGetUserKey.
-int FetchOrGenerate(Platform& p, ProvHandle prov, uint32_t keySpec, uint32_t algid,
-                    uint32_t flags, KeyOwner* key) {
+int FetchOrGenerate(Platform& p, ProvHandle prov, uint32_t keySpec, uint32_t algid, uint32_t flags,
+                    KeyOwner* key) {
   if (p.GetUserKey(prov, keySpec, key->out())) return 0;
   if (p.GetLastError() != KV_NTE_NO_KEY) return kGetUserKey;
   if (!p.GenKey(prov, algid, flags, key->out())) return kGenerateKey;
@@ -57,13 +57,13 @@ bool SignWithContainer(Platform& p, ProvHandle prov, uint32_t keySpec, const Byt
 
 // What one of the key-generating methods asks for.
 struct KeyGen {
-  uint32_t keySpec;       // the key fetched and signed with
-  uint32_t algid;         // the key generation call's algorithm
-  uint32_t extraFlags;    // beside the key size
-  bool saveFlag;          // the container-name file also records exportability
-  int fileFlag;           // ... with this argument
-  bool request;           // return a PKCS#10 request instead of the public key
-  bool subjectFromText;   // the request's subject comes from subjectText
+  uint32_t keySpec;      // the key fetched and signed with
+  uint32_t algid;        // the key generation call's algorithm
+  uint32_t extraFlags;   // beside the key size
+  bool saveFlag;         // the container-name file also records exportability
+  int fileFlag;          // ... with this argument
+  bool request;          // return a PKCS#10 request instead of the public key
+  bool subjectFromText;  // the request's subject comes from subjectText
   std::u16string subjectText;
 };
 
@@ -86,14 +86,10 @@ static int GenerateInNewContainer(Platform& p, const std::string& provider, std:
   if (!IsKeySize(keySize)) return kBadKeySize;
   const uint32_t flags = (static_cast<uint32_t>(keySize) << 16) | how.extraFlags;
   // The request's subject: the given text, or the container's name.
-  Bytes subject;
+  std::string subject;
   if (how.request) {
-    if (how.subjectFromText) {
-      std::string text = Utf16ToUtf8(how.subjectText);
-      if (text.empty() || !ParseNameText(text, &subject)) return kNoCertificate;
-    } else {
-      subject = CommonNameOnly(*container);
-    }
+    subject = how.subjectFromText ? Utf16ToUtf8(how.subjectText) : "CN=" + *container;
+    if (subject.empty() || !IsNameText(subject)) return kNoCertificate;
   }
   // 5. Create the container.
   ProvOwner prov(p);
@@ -188,8 +184,7 @@ int32_t CBrendalKorvanta::genP10(int keySize, Text* bstrP10DerBase64Pubkey) {
 }
 
 int32_t CBrendalKorvanta::genP10_kex(int keySize, Text* bstrP10DerBase64Pubkey) {
-  KeyGen how{KV_AT_KEYEXCHANGE, KV_AT_KEYEXCHANGE, KV_CRYPT_EXPORTABLE, false, 0, true, false,
-             {}};
+  KeyGen how{KV_AT_KEYEXCHANGE, KV_AT_KEYEXCHANGE, KV_CRYPT_EXPORTABLE, false, 0, true, false, {}};
   return RunKeyGen(platform_, provider_, &container_, keySize, how, bstrP10DerBase64Pubkey);
 }
 
@@ -213,7 +208,6 @@ int32_t CBrendalKorvanta::genP10_exp_withdn(int keySize, int keyExportable,
   // exportable (the file's flag is "1" only for 1).
   uint32_t flags = keyExportable != 0 ? static_cast<uint32_t>(KV_CRYPT_EXPORTABLE) : 0u;
   if (keyExportable == 2) flags |= KV_CRYPT_FORCE_KEY_PROTECTION_HIGH;
-  KeyGen how{KV_AT_SIGNATURE, KV_AT_SIGNATURE, flags, true, keyExportable, true, true,
-             bstrCertDN};
+  KeyGen how{KV_AT_SIGNATURE, KV_AT_SIGNATURE, flags, true, keyExportable, true, true, bstrCertDN};
   return RunKeyGen(platform_, provider_, &container_, keySize, how, bstrP10Bse64Pack);
 }

@@ -90,8 +90,8 @@ int ImportIntoToken(Platform& p, const std::string& provider, const std::string&
   if (!p.ImportKey(prov.get(), blob.data(), static_cast<uint32_t>(blob.size()), 0, key.out())) {
     return kImportKey;
   }
-  if (!p.SetKeyParam(key.get(), KV_KP_CERTIFICATE, leaf.data(),
-                     static_cast<uint32_t>(leaf.size()), 0)) {
+  if (!p.SetKeyParam(key.get(), KV_KP_CERTIFICATE, leaf.data(), static_cast<uint32_t>(leaf.size()),
+                     0)) {
     return kSetKeyParam;
   }
   pending.Keep();
@@ -103,8 +103,7 @@ int ImportIntoToken(Platform& p, const std::string& provider, const std::string&
 // key and certificate for callers that export them.
 int32_t ImportKmcKey(Platform& p, const std::string& provider, std::string* container,
                      const std::u16string& p7Certs, const std::u16string& encPrikey,
-                     const std::u16string& tempUkek, bool restore, Bytes* keyDer,
-                     Bytes* leafOut) {
+                     const std::u16string& tempUkek, bool restore, Bytes* keyDer, Bytes* leafOut) {
   // 1. The container of the generated key (a failed read is not reported).
   container->clear();
   ReadContainerName(p, container);
@@ -173,8 +172,8 @@ int32_t ImportKmcKey(Platform& p, const std::string& provider, std::string* cont
   if (int detail = library.Open()) return Kmc(detail);
   PrivateKey key;
   if (int detail = key.Init(library.ctx())) return Kmc(detail);
-  if (KV_PKCS1PriKeyDecode(library.ctx(), p1.data(), static_cast<unsigned>(p1.size()),
-                           key.get()) != 0) {
+  if (KV_PKCS1PriKeyDecode(library.ctx(), p1.data(), static_cast<unsigned>(p1.size()), key.get()) !=
+      0) {
     return Kmc(kPrivateKeyDecode);
   }
   // 12. The platform blob: 2048- and 1024-bit keys only.
@@ -265,7 +264,8 @@ int32_t CBrendalKorvanta::writeKmcCertToPFX(const std::u16string& p7Certs,
                                             const std::u16string& passwd, Text* retPfx) {
   return Guarded([&]() -> int32_t {
     const int32_t block = kBlockKmcCertToPFX;
-    const std::string password = Narrow(platform_, passwd);
+    // UTF-8, the PFX's own password text, whatever the code page.
+    const std::string password = Utf16ToUtf8(passwd);
     if (password.empty()) return Status(block, kEmptyPassword);
     Bytes p1;
     Bytes leaf;

@@ -63,12 +63,11 @@ class CBrendalKorvanta {
                                       const std::u16string& TempUKEK,
                                       const std::u16string& keyHistory, Ret* ret);
   /* 15 */ int32_t writeKH(const std::u16string& keyHistory, Ret* ret);
-  /* 16 */ int32_t writeClientCertToPFX(const std::u16string& p7Certs,
-                                        const std::u16string& passwd, Text* retPfx);
-  /* 17 */ int32_t writeKmcCertToPFX(const std::u16string& p7Certs,
-                                     const std::u16string& EncPrikey,
-                                     const std::u16string& TempUKEK,
-                                     const std::u16string& passwd, Text* retPfx);
+  /* 16 */ int32_t writeClientCertToPFX(const std::u16string& p7Certs, const std::u16string& passwd,
+                                        Text* retPfx);
+  /* 17 */ int32_t writeKmcCertToPFX(const std::u16string& p7Certs, const std::u16string& EncPrikey,
+                                     const std::u16string& TempUKEK, const std::u16string& passwd,
+                                     Text* retPfx);
   /* 18 */ int32_t genP10(int keySize, Text* bstrP10DerBase64Pubkey);
   /* 19 */ int32_t genEEUpdateCertRequestData_Client(const std::u16string& P10Str,
                                                      Text* xmlEEUpdateCertReq);

@@ -14,8 +14,8 @@ const char kDeclaration[] =
     "<?xml version=\"1.0\" encoding=\"gb2312\" standalone=\"yes\" ?><request>";
 
 std::string Header(const char* type) {
-  return std::string("<source><header><type>") + type +
-         "</type><version>2.0</version><localtime>" + LocalTimeText() + "</localtime></header>";
+  return std::string("<source><header><type>") + type + "</type><version>2.0</version><localtime>" +
+         LocalTimeText() + "</localtime></header>";
 }
 
 // A key length the KMC can generate: the leading decimal integer of the text.
@@ -49,8 +49,7 @@ int SealWithSignature(Platform& p, const std::string& source, std::string* messa
   return 0;
 }
 
-int32_t Signed(Platform& p, int32_t block, const std::string& source,
-               CBrendalKorvanta::Text* out) {
+int32_t Signed(Platform& p, int32_t block, const std::string& source, CBrendalKorvanta::Text* out) {
   std::string message;
   if (int detail = SealWithSignature(p, source, &message)) return Status(block, detail);
   SetText(p, out, message);

@@ -48,24 +48,24 @@ enum Block : int32_t {
 // Detail codes.
 enum Detail : int32_t {
   // 80xx: toolkit
-  kLibraryInit = 8001,        // PKCS_Initialize
-  kLibraryContext = 8002,     // PKCS_CreateCtx
-  kTempKeyRecord = 8003,      // temporary key blob -> private-key record
-  kUnwrapContentKey = 8004,   // RSA decryption of the wrapped content key
-  kDecryptKmcKey = 8005,      // RC4 decryption of the KMC private key
-  kPrivateKeyRecord = 8006,   // PKCS_InitPriKey
-  kKeyBlob = 8007,            // private-key record -> platform blob
-  kPublicKeyRecord = 8008,    // PKCS_InitPubKey
-  kDecomposeRequest = 8009,   // KVPKCS_DecomposePKCS10
-  kPublicKeyEncode = 8010,    // public key -> PKCS#1 DER (also blob -> PKCS#1)
-  kRequestBuild = 8011,       // the PKCS#10 request could not be built
-  kCertificateList = 8012,    // KV_CreateList
-  kPfxBuild = 8013,           // KV_GenPFX
-  kListEmpty = 8014,          // a certificate bundle without certificates
-  kPrivateKeyDecode = 8016,   // KV_PKCS1PriKeyDecode
-  kLeafCertificate = 8017,    // no leaf certificate in the bundle
-  kMacDigest = 8018,          // SHA-1 step of the MAC
-  kMacCipher = 8019,          // RC4 step of the MAC
+  kLibraryInit = 8001,       // PKCS_Initialize
+  kLibraryContext = 8002,    // PKCS_CreateCtx
+  kTempKeyRecord = 8003,     // temporary key blob -> private-key record
+  kUnwrapContentKey = 8004,  // RSA decryption of the wrapped content key
+  kDecryptKmcKey = 8005,     // RC4 decryption of the KMC private key
+  kPrivateKeyRecord = 8006,  // PKCS_InitPriKey
+  kKeyBlob = 8007,           // private-key record -> platform blob
+  kPublicKeyRecord = 8008,   // PKCS_InitPubKey
+  kDecomposeRequest = 8009,  // KVPKCS_DecomposePKCS10
+  kPublicKeyEncode = 8010,   // public key -> PKCS#1 DER (also blob -> PKCS#1)
+  kRequestBuild = 8011,      // the PKCS#10 request could not be built
+  kCertificateList = 8012,   // KV_CreateList
+  kPfxBuild = 8013,          // KV_GenPFX
+  kListEmpty = 8014,         // a certificate bundle without certificates
+  kPrivateKeyDecode = 8016,  // KV_PKCS1PriKeyDecode
+  kLeafCertificate = 8017,   // no leaf certificate in the bundle
+  kMacDigest = 8018,         // SHA-1 step of the MAC
+  kMacCipher = 8019,         // RC4 step of the MAC
 
   // 81xx: platform calls
   kOpenStore = 8101,
@@ -83,7 +83,7 @@ enum Detail : int32_t {
   kTempExportSize = 8116,
   kImportKey = 8117,
   kSetKeyParam = 8118,
-  kKeyMismatch = 8125,      // reported bare, not in a block
+  kKeyMismatch = 8125,        // reported bare, not in a block
   kNoSuchCertificate = 8126,  // reported bare, not in a block
 
   // 82xx: arguments and memory

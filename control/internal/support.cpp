@@ -156,8 +156,7 @@ bool CreateContainer(Platform& p, const std::string& provider, const std::string
 
 void DeleteContainer(Platform& p, const std::string& provider, const std::string& name) {
   ProvHandle none = 0;
-  p.AcquireContext(&none, name.c_str(), provider.c_str(), KV_PROV_RSA_FULL,
-                   KV_CRYPT_DELETEKEYSET);
+  p.AcquireContext(&none, name.c_str(), provider.c_str(), KV_PROV_RSA_FULL, KV_CRYPT_DELETEKEYSET);
 }
 
 std::string Base64Encode(const uint8_t* data, size_t len) {

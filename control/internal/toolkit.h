@@ -73,23 +73,21 @@ bool CertificateNotAfter(const Bytes& cert, int64_t* when);
 // The certificate's DER SubjectPublicKeyInfo; false when it does not decode.
 bool CertificatePublicKeyInfo(const Bytes& cert, Bytes* spki);
 
-// Distinguished-name text (UTF-8) -> DER Name; false when it does not parse.
-bool ParseNameText(const std::string& utf8, Bytes* derName);
-// The DER Name holding one CN.
-Bytes CommonNameOnly(const std::string& cn);
+// True when distinguished-name text (UTF-8) parses as a name.
+bool IsNameText(const std::string& utf8);
 
-// A DER PKCS#10 request for the key (DER RSAPublicKey) with the subject (DER
-// Name), no attributes, signed sha1WithRSAEncryption by sign(), which receives
-// the DER CertificationRequestInfo and returns the big-endian signature or
-// false. 0, kRequestBuild, or kSignRequest when sign() failed.
+// A DER PKCS#10 request for the key (DER RSAPublicKey) with the subject (DN
+// text, UTF-8), no attributes, signed sha1WithRSAEncryption by sign(), which
+// receives the DER CertificationRequestInfo and returns the big-endian
+// signature or false. 0, kRequestBuild, or kSignRequest when sign() failed.
 using RequestSigner = std::function<bool(const Bytes& info, Bytes* signature)>;
-int BuildRequest(const Bytes& subject, const Bytes& publicKey, const RequestSigner& sign,
+int BuildRequest(const std::string& subject, const Bytes& publicKey, const RequestSigner& sign,
                  Bytes* request);
 // The public key of a DER request into a record, the signature not checked:
 // the toolkit's status.
 int RequestPublicKey(PKCS_CTX ctx, const Bytes& request, PKCS_PUBKEY* key);
 
-// A DER PFX of the certificate and key under the password (code-page text).
+// A DER PFX of the certificate and key under the password (UTF-8).
 // 0, kNoCertificate, kLibraryInit, kLibraryContext or kPfxBuild.
 int BuildPfx(const Bytes& cert, const PKCS_PRIKEY& key, const std::string& password, Bytes* pfx);
 
