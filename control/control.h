@@ -2,3 +2,7 @@
 #pragma once
 
 #include "control/platform.h"
+
+#ifndef _WIN32
+#include "control/portable/portable_platform.h"
+#endif

@@ -1,0 +1,48 @@
+// Key containers on disk: one DER record per container under
+// <data>/containers/, found by a file name made from the container name.
+#pragma once
+
+#include <string>
+
+#include "control/portable/internal/records.h"
+
+namespace kv::control::portable {
+
+// The file name of a container: ASCII letters folded to lower case (names
+// match without regard to case, as the platform's do); letters, digits, '-',
+// '_', '{' and '}' kept; every other octet (including '.', '/' and '%') as
+// %XX. Names whose form would be longer than 200 characters become "~" and
+// the SHA-1 of the folded name. The record keeps the name as given, so a
+// reader can tell two long names apart.
+std::string ContainerFileName(const std::string& name);
+
+// The name used when a context names no container: the login name.
+std::string DefaultContainerName();
+
+bool SameContainerName(const std::string& a, const std::string& b);
+
+class ContainerFolder {
+ public:
+  explicit ContainerFolder(std::string dataDir) : dir_(std::move(dataDir) + "/containers") {}
+  const std::string& Path() const { return dir_; }
+  std::string FileOf(const std::string& name) const { return dir_ + "/" + ContainerFileName(name); }
+
+  bool Exists(const std::string& name) const;
+  // False when missing or unreadable (or the file belongs to another name).
+  bool Load(const std::string& name, ContainerRecord* record) const;
+  bool Save(const ContainerRecord& record) const;
+  bool Remove(const std::string& name) const;
+
+ private:
+  std::string dir_;
+};
+
+// The error of the last failed call on this thread.
+void SetError(uint32_t code);
+uint32_t LastError();
+inline bool Fail(uint32_t code) {
+  SetError(code);
+  return false;
+}
+
+}  // namespace kv::control::portable
