@@ -11,6 +11,10 @@ using namespace kv::control;
 
 namespace {
 
+// No public key blob is anywhere near this long; a longer size is not
+// allocated.
+constexpr uint32_t kMaxBlob = 1u << 20;
+
 bool IsKeySize(int bits) {
   return bits == 512 || bits == 1024 || bits == 2048 || bits == 4096;
 }
@@ -29,6 +33,7 @@ int FetchOrGenerate(Platform& p, ProvHandle prov, uint32_t keySpec, uint32_t alg
 int ExportPublicBlob(Platform& p, KeyHandle key, Bytes* blob) {
   uint32_t len = 0;
   if (!p.ExportKey(key, KV_PUBLICKEYBLOB, 0, nullptr, &len)) return kExportSize;
+  if (len > kMaxBlob) return kNoMemory;
   try {
     blob->assign(len, 0);
   } catch (const std::bad_alloc&) {

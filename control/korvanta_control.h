@@ -2,7 +2,7 @@
 // calls, in dispatch order (their dispatch identifiers are 1 to 29).
 //
 // Every method returns a status: 0 on success, otherwise the positive
-// eight-digit code 22000000 + 100000 x block + detail (control/internal/codes.h
+// eight-digit code 22000000 + 10000 x block + detail (control/internal/codes.h
 // names the details), or KV_E_FAIL, the failing automation result that a few
 // internal faults produce (the out-value is then left untouched). The real
 // result comes through the last parameter:

@@ -1,5 +1,6 @@
-// Status codes of the enrolment control. A method reports
-// 22000000 + 100000 x block + detail, where the block is the dispatch
+// Status codes of the enrolment control. A method reports the eight digits
+// "22", the two-digit block and the four-digit detail, that is
+// 22000000 + 10000 x block + detail (22038202: block 3, detail 8202), where the block is the dispatch
 // identifier of the method (or of the method whose block it shares) and the
 // detail a four-digit code of one of four bands:
 //   80xx  the cryptographic toolkit failed (digest, cipher, conversion)
@@ -115,7 +116,7 @@ enum Detail : int32_t {
 };
 
 constexpr int32_t Status(int32_t block, int32_t detail) {
-  return 22000000 + 100000 * block + detail;
+  return 22000000 + 10000 * block + detail;
 }
 
 // The detail of a status built by Status().
