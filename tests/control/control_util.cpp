@@ -94,7 +94,7 @@ std::string UnB64(const std::string& text) {
 }
 
 ShellResult RefCa(const std::string& args) {
-  return RunShell(std::string("python3 ") + KV_SOURCE_DIR + "/tests/refca/refca.py " + args);
+  return RunShell(std::string("/usr/bin/python3 ") + KV_SOURCE_DIR + "/tests/refca/refca.py " + args);
 }
 
 std::string ControlTest::MakeKey(const std::string& provider, int bits) {

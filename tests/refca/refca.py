@@ -25,10 +25,8 @@ import re
 import sys
 
 from cryptography import x509
-from cryptography.hazmat.decrepit.ciphers.algorithms import ARC4
 from cryptography.hazmat.primitives import hashes, serialization
 from cryptography.hazmat.primitives.asymmetric import padding, rsa
-from cryptography.hazmat.primitives.ciphers import Cipher
 from cryptography.hazmat.primitives.serialization import pkcs7
 from cryptography.x509.oid import NameOID
 
@@ -169,7 +167,36 @@ def cmd_issue(args):
 
 
 def rc4(key, data):
-    return Cipher(ARC4(key), mode=None).encryptor().update(data)
+    """RC4 from its published description. The libraries refuse keys shorter
+    than 5 octets (or of sizes other than a few), while authorisation codes
+    may be any length; this one is cross-checked against pycryptodome's for
+    a length both accept (see _check_rc4)."""
+    s = list(range(256))
+    j = 0
+    for i in range(256):
+        j = (j + s[i] + key[i % len(key)]) & 0xFF
+        s[i], s[j] = s[j], s[i]
+    out = bytearray()
+    i = j = 0
+    for b in data:
+        i = (i + 1) & 0xFF
+        j = (j + s[i]) & 0xFF
+        s[i], s[j] = s[j], s[i]
+        out.append(b ^ s[(s[i] + s[j]) & 0xFF])
+    return bytes(out)
+
+
+def _check_rc4():
+    try:
+        from Cryptodome.Cipher import ARC4  # Debian's python3-pycryptodome
+    except ImportError:
+        try:
+            from Crypto.Cipher import ARC4
+        except ImportError:
+            return
+    key, data = os.urandom(16), os.urandom(64)
+    if ARC4.new(key).encrypt(data) != rc4(key, data):
+        raise SystemExit("refca: RC4 disagrees with pycryptodome")
 
 
 def wrap(public_key, data):
@@ -273,6 +300,7 @@ def main():
     s = sub.add_parser("check-ds")
     s.add_argument("--message", required=True)
     args = ap.parse_args()
+    _check_rc4()
     if args.cmd == "issue":
         if not args.pubkey and not args.request:
             ap.error("issue needs --pubkey or --request")
