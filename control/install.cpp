@@ -59,7 +59,11 @@ int AddToMy(Platform& p, ProvHandle prov, const Bytes& leaf, const std::string& 
   info.provType = KV_PROV_RSA_FULL;
   info.flags = 0;
   info.keySpec = keySpec;
-  if (!p.SetKeyProvInfo(added.get(), &info)) return kAddToStore;
+  if (!p.SetKeyProvInfo(added.get(), &info)) {
+    // An unbound certificate does not stay in MY.
+    p.DeleteCertificateFromStore(added.release());
+    return kAddToStore;
+  }
   return 0;
 }
 

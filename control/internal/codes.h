@@ -1,8 +1,8 @@
 // Status codes of the enrolment control. A method reports the eight digits
 // "22", the two-digit block and the four-digit detail, that is
-// 22000000 + 10000 x block + detail (22038202: block 3, detail 8202), where the block is the dispatch
-// identifier of the method (or of the method whose block it shares) and the
-// detail a four-digit code of one of four bands:
+// 22000000 + 10000 x block + detail (22038202: block 3, detail 8202), where the block is the
+// dispatch identifier of the method (or of the method whose block it shares) and the detail a
+// four-digit code of one of four bands:
 //   80xx  the cryptographic toolkit failed (digest, cipher, conversion)
 //   81xx  a platform (CryptoAPI / store) call failed
 //   82xx  a bad argument or exhausted memory

@@ -93,8 +93,45 @@ std::string UnB64(const std::string& text) {
   return out;
 }
 
+std::string PublicB64(const RsaKey& key) {
+  const Bytes der = key.PublicDer();
+  return B64(std::string(der.begin(), der.end()));
+}
+
 ShellResult RefCa(const std::string& args) {
-  return RunShell(std::string("/usr/bin/python3 ") + KV_SOURCE_DIR + "/tests/refca/refca.py " + args);
+  return RunShell(std::string("/usr/bin/python3 ") + KV_SOURCE_DIR + "/tests/refca/refca.py " +
+                  args);
+}
+
+bool OpensslReadPfx(const TempDir& dir, const Bytes& pfx, const std::string& password, Bytes* key,
+                    std::vector<Bytes>* certs) {
+  const std::string in = dir.Write("in.p12", std::string(pfx.begin(), pfx.end()));
+  const std::string pass = " -passin pass:" + password + " -legacy";
+  if (RunShell("openssl pkcs12 -in " + in + pass + " -nodes -nocerts 2>/dev/null | openssl rsa " +
+               "-traditional -outform DER -out " + dir / "pfxkey.der" + " 2>/dev/null")
+          .status != 0) {
+    return false;
+  }
+  const std::string k = ReadFile(dir / "pfxkey.der");
+  key->assign(k.begin(), k.end());
+  std::string pem;
+  for (const char* which : {" -clcerts", " -cacerts"}) {
+    ShellResult r =
+        RunShell("openssl pkcs12 -in " + in + pass + " -nokeys" + which + " 2>/dev/null");
+    if (r.status != 0) return false;
+    pem += r.out;
+  }
+  certs->clear();
+  for (const std::string& der : PemBlocks(pem, {"CERTIFICATE"}))
+    certs->emplace_back(der.begin(), der.end());
+  return !key->empty() && !certs->empty();
+}
+
+std::string OpensslKeyModulus(const std::string& path) {
+  const bool der = path.size() > 4 && path.compare(path.size() - 4, 4, ".der") == 0;
+  return RunShell("openssl rsa " + std::string(der ? "-inform DER " : "") + "-in " + path +
+                  " -noout -modulus 2>&1")
+      .out;
 }
 
 std::string ControlTest::MakeKey(const std::string& provider, int bits) {

@@ -110,8 +110,13 @@ Bytes PrivateBlob(const RsaKey& k, uint32_t alg) {
   Put32(out, 0x32415352);  // "RSA2"
   const size_t full = k.bits() / 8, half = full / 2;
   Put32(out, k.bits());
-  for (const auto& [v, n] : {std::pair<const Bytes&, size_t>{k.e, 4}, {k.n, full}, {k.p, half},
-                             {k.q, half}, {k.dp, half}, {k.dq, half}, {k.qinv, half},
+  for (const auto& [v, n] : {std::pair<const Bytes&, size_t>{k.e, 4},
+                             {k.n, full},
+                             {k.p, half},
+                             {k.q, half},
+                             {k.dp, half},
+                             {k.dq, half},
+                             {k.qinv, half},
                              {k.d, full}}) {
     Bytes le = LittleEndian(v, n);
     out.insert(out.end(), le.begin(), le.end());
@@ -159,8 +164,8 @@ std::string Iconv(const char* to, const char* from, const std::string& in, bool*
 // ---- RsaKey ----
 
 Bytes RsaKey::PrivateDer() const {
-  return Tlv(0x30, Concat({Integer({0}), Integer(n), Integer(e), Integer(d), Integer(p),
-                           Integer(q), Integer(dp), Integer(dq), Integer(qinv)}));
+  return Tlv(0x30, Concat({Integer({0}), Integer(n), Integer(e), Integer(d), Integer(p), Integer(q),
+                           Integer(dp), Integer(dq), Integer(qinv)}));
 }
 
 Bytes RsaKey::PublicDer() const {
@@ -222,9 +227,9 @@ std::shared_ptr<const RsaKey> RsaKey::FromPrivateDer(const Bytes& der) {
 }
 
 Bytes SubjectPublicKeyInfo(const RsaKey& key) {
-  const Bytes alg = Tlv(0x30, Concat({Tlv(0x06, {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01,
-                                                 0x01}),
-                                      Tlv(0x05, {})}));
+  const Bytes alg = Tlv(
+      0x30,
+      Concat({Tlv(0x06, {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01}), Tlv(0x05, {})}));
   Bytes bits{0x00};
   Bytes pub = key.PublicDer();
   bits.insert(bits.end(), pub.begin(), pub.end());
@@ -369,9 +374,9 @@ bool FakePlatform::GenKey(ProvHandle prov, uint32_t algid, uint32_t flags, KeyHa
   if (Injected("GenKey")) return false;
   HandleData* h = Get(prov, Kind::kProv);
   if (!h) return Fail(KV_NTE_BAD_KEYSET);
-  const uint32_t spec =
-      (algid == KV_AT_KEYEXCHANGE || algid == KV_CALG_RSA_KEYX) ? KV_AT_KEYEXCHANGE
-                                                                : KV_AT_SIGNATURE;
+  const uint32_t spec = (algid == KV_AT_KEYEXCHANGE || algid == KV_CALG_RSA_KEYX)
+                            ? KV_AT_KEYEXCHANGE
+                            : KV_AT_SIGNATURE;
   unsigned bits = flags >> 16;
   if (bits == 0) bits = 1024;
   auto p = std::find_if(providers.begin(), providers.end(),
@@ -606,8 +611,7 @@ bool FakePlatform::AddEncodedCertificateToStore(StoreHandle store, const uint8_t
   HandleData tmp{Kind::kCert};
   tmp.der.assign(der, der + len);
   CertHandle h = NewHandle(tmp);
-  bool ok = AddCertificateContextToStore(store, h, disposition, added);
-  --calls_["AddCertificateContextToStore"];
+  bool ok = AddToStore(store, h, disposition, added);
   handles_.erase(h);
   return ok;
 }
@@ -616,6 +620,11 @@ bool FakePlatform::AddCertificateContextToStore(StoreHandle store, CertHandle ce
                                                 uint32_t disposition, CertHandle* added) {
   if (added) *added = 0;
   if (Injected("AddCertificateContextToStore")) return false;
+  return AddToStore(store, cert, disposition, added);
+}
+
+bool FakePlatform::AddToStore(StoreHandle store, CertHandle cert, uint32_t disposition,
+                              CertHandle* added) {
   HandleData* s = Get(store, Kind::kStore);
   HandleData* c = Get(cert, Kind::kCert);
   if (!s || !c) return Fail(KV_ERROR_INVALID_PARAMETER);
@@ -798,8 +807,8 @@ bool FakePlatform::ReadFile(const std::string& path, size_t maxLen, Bytes* data)
   if (Injected("ReadFile")) return false;
   auto it = files.find(path);
   if (it == files.end()) return false;
-  *data = Bytes(it->second.begin(), it->second.begin() +
-                                        static_cast<long>(std::min(maxLen, it->second.size())));
+  *data = Bytes(it->second.begin(),
+                it->second.begin() + static_cast<long>(std::min(maxLen, it->second.size())));
   return true;
 }
 

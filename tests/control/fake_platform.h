@@ -181,6 +181,8 @@ class FakePlatform : public kv::control::Platform {
     lastError_ = error;
     return false;
   }
+  bool AddToStore(kv::control::StoreHandle store, kv::control::CertHandle cert,
+                  uint32_t disposition, kv::control::CertHandle* added);
   uintptr_t NewHandle(HandleData data);
   HandleData* Get(uintptr_t h, Kind kind);
   Key* KeyOf(uintptr_t key);

@@ -211,8 +211,7 @@ TEST_F(KeyGen, RequestsVerifyInOpenSslAndCarryTheContainersKey) {
   EXPECT_EQ(ContainerFile(), kFirstName);
   // The request holds exactly the container's key.
   const std::string f = dir_.Write("r.der", UnB64(Utf8(req)));
-  std::string modulus =
-      RunShell("openssl req -inform DER -in " + f + " -noout -modulus 2>&1").out;
+  std::string modulus = RunShell("openssl req -inform DER -in " + f + " -noout -modulus 2>&1").out;
   EXPECT_EQ(modulus, HexModulus(*KeyIn(kEnhanced, kFirstName, KV_AT_SIGNATURE)->rsa));
   // No attributes.
   std::string text = RunShell("openssl req -inform DER -in " + f + " -noout -text 2>&1").out;

@@ -97,14 +97,12 @@ TEST_F(Messages, KmcDownloadRequestCarriesTheLengthAsGiven) {
                              "<body><entry name=\"REFNO\" value=\"R2\"/><entry "
                              "name=\"TEMPPUBLICKEY\" value=\"T\"/><entry name=\"KEYLENGTH\" "
                              "value=\"4096\"/></body></source>";
-  EXPECT_EQ(text.find(std::string(kDecl) + source + "<signature><signaturemethod algorithm=\"MAC\">"),
-            0u)
+  EXPECT_EQ(
+      text.find(std::string(kDecl) + source + "<signature><signaturemethod algorithm=\"MAC\">"), 0u)
       << text;
-  EXPECT_EQ(RefCa("check-mac --message " + NarrowFile(msg) + " --authcode secret").out,
-            "MAC OK\n");
+  EXPECT_EQ(RefCa("check-mac --message " + NarrowFile(msg) + " --authcode secret").out, "MAC OK\n");
   // A leading number counts: "1024bits" is 1024, copied as given.
-  ASSERT_EQ(
-      control_.genEEDownCertRequestData_Kmc(U("R"), U("A"), U("T"), U("1024bits"), &msg), 0);
+  ASSERT_EQ(control_.genEEDownCertRequestData_Kmc(U("R"), U("A"), U("T"), U("1024bits"), &msg), 0);
   EXPECT_NE(Utf8(msg).find("value=\"1024bits\""), std::string::npos);
 }
 
