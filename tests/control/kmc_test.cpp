@@ -45,11 +45,11 @@ class Kmc : public ControlTest {
     const Bytes der = key.PrivateDer();
     dir_.Write("k.der", std::string(der.begin(), der.end()));
     dir_.Write("plain.txt", "the KMC's key works");
-    ShellResult r = RunShell(
-        "openssl x509 -inform DER -in " + leaf + " -out " + Path("leaf.pem") +
-        " && openssl pkeyutl -encrypt -certin -inkey " + Path("leaf.pem") + " -in " +
-        Path("plain.txt") + " -out " + Path("c.bin") + " && openssl pkeyutl -decrypt -keyform " +
-        "DER -inkey " + keyFile + " -in " + Path("c.bin"));
+    ShellResult r = RunShell("openssl x509 -inform DER -in " + leaf + " -out " + Path("leaf.pem") +
+                             " && openssl pkeyutl -encrypt -certin -inkey " + Path("leaf.pem") +
+                             " -in " + Path("plain.txt") + " -out " + Path("c.bin") +
+                             " && openssl pkeyutl -decrypt -keyform " + "DER -inkey " + keyFile +
+                             " -in " + Path("c.bin"));
     return r.status == 0 && r.out == "the KMC's key works";
   }
   std::string UserModulus() { return OpensslKeyModulus(Path("kmc/user.pem")); }
@@ -190,8 +190,8 @@ TEST_F(Kmc, FailureTable) {
     EXPECT_EQ(ret, c.ret) << c.what;
     // Without the imported certificate's key information the container the
     // import made cannot be named, so it stays.
-    const bool unnamed = std::string(c.what) == "imported certificate" ||
-                         std::string(c.what) == "key information";
+    const bool unnamed =
+        std::string(c.what) == "imported certificate" || std::string(c.what) == "key information";
     if (c.ret != 22078207 && !unnamed) {
       EXPECT_EQ(fake_.ContainerCount(), containers) << c.what << ": nothing half-made";
       EXPECT_EQ(StoreSize("MY"), 0u) << c.what;
@@ -224,9 +224,8 @@ TEST_F(Kmc, TokenPathFailures) {
     const char* method;
     int nth;
     int32_t ret;
-  } cases[] = {{"AcquireContext", 2, 22078112},
-               {"ImportKey", 1, 22078117},
-               {"SetKeyParam", 1, 22078118}};
+  } cases[] = {
+      {"AcquireContext", 2, 22078112}, {"ImportKey", 1, 22078117}, {"SetKeyParam", 1, 22078118}};
   for (const Case& c : cases) {
     fake_.files[fake_.kContainerFile] = Bytes(name_.begin(), name_.end());
     fake_.Fail(c.method, c.nth);
@@ -266,11 +265,11 @@ TEST_F(Kmc, PublicKeyOfARequest) {
   tampered[tampered.size() - 5] ^= 1;
   ASSERT_EQ(control_.getPublicKeyFromPKCS10Data(U(B64(tampered)), &p1), 0);
   // An EC key is not an RSA key.
-  ASSERT_EQ(RunShell("openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout " +
-                     Path("e.pem") + " -subj /CN=x -outform DER -out " + Path("e.der") +
-                     " 2>/dev/null")
-                .status,
-            0);
+  ASSERT_EQ(
+      RunShell("openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout " +
+               Path("e.pem") + " -subj /CN=x -outform DER -out " + Path("e.der") + " 2>/dev/null")
+          .status,
+      0);
   struct Case {
     std::string b64;
     int32_t status;
