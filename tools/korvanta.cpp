@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "asn1/asn1.h"
+#include "cmd_req.h"
+#include "cmd_verify.h"
 #include "input.h"
 #include "recognise.h"
 
@@ -27,6 +29,8 @@ const char kMainHelp[] =
     "           message, PFX file, RSA key or any catalogue structure\n"
     "  base64   encode or decode Base64\n"
     "  types    list the catalogue classes that 'dump --type' accepts\n"
+    "  req      make an RSA key and a PKCS#10 request, or check a request\n"
+    "  verify   check a certificate's chain up to a trusted certificate\n"
     "  help     show help for a verb ('korvanta help dump')\n"
     "\n"
     "Every verb takes --help. Exit status: 0 success, 1 bad input, 2 bad usage.\n";
@@ -231,6 +235,8 @@ int Run(int argc, char** argv) {
       std::cout << kBase64Help;
     } else if (args[0] == "types") {
       std::cout << kTypesHelp;
+    } else if (args[0] == "req" || args[0] == "verify") {
+      return args[0] == "req" ? CmdReq({"--help"}) : CmdVerify({"--help"});
     } else {
       return Usage("no verb named \"" + args[0] + "\"", kMainHelp);
     }
@@ -239,6 +245,8 @@ int Run(int argc, char** argv) {
   if (verb == "dump") return Dump(args);
   if (verb == "base64") return Base64(args);
   if (verb == "types") return Types(args);
+  if (verb == "req") return CmdReq(args);
+  if (verb == "verify") return CmdVerify(args);
   return Usage("no verb named \"" + verb + "\"", kMainHelp);
 }
 
