@@ -14,6 +14,7 @@
 #include "asn1/asn1.h"
 #include "cmd_req.h"
 #include "cmd_verify.h"
+#include "cmd_pkcs7.h"
 #include "input.h"
 #include "recognise.h"
 
@@ -31,6 +32,7 @@ const char kMainHelp[] =
     "  types    list the catalogue classes that 'dump --type' accepts\n"
     "  req      make an RSA key and a PKCS#10 request, or check a request\n"
     "  verify   check a certificate's chain up to a trusted certificate\n"
+    "  pkcs7    list, verify, sign, encrypt and decrypt PKCS#7 messages\n"
     "  help     show help for a verb ('korvanta help dump')\n"
     "\n"
     "Every verb takes --help. Exit status: 0 success, 1 bad input, 2 bad usage.\n";
@@ -247,6 +249,7 @@ int Run(int argc, char** argv) {
   if (verb == "types") return Types(args);
   if (verb == "req") return CmdReq(args);
   if (verb == "verify") return CmdVerify(args);
+  if (verb == "pkcs7") return CmdPkcs7(args);
   return Usage("no verb named \"" + verb + "\"", kMainHelp);
 }
 
