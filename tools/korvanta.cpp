@@ -15,6 +15,7 @@
 #include "cmd_req.h"
 #include "cmd_verify.h"
 #include "cmd_pkcs7.h"
+#include "cmd_pkcs12.h"
 #include "input.h"
 #include "recognise.h"
 
@@ -33,6 +34,7 @@ const char kMainHelp[] =
     "  req      make an RSA key and a PKCS#10 request, or check a request\n"
     "  verify   check a certificate's chain up to a trusted certificate\n"
     "  pkcs7    list, verify, sign, encrypt and decrypt PKCS#7 messages\n"
+    "  pkcs12   build a PFX file from a key and certificates, or list one's bags\n"
     "  help     show help for a verb ('korvanta help dump')\n"
     "\n"
     "Every verb takes --help. Exit status: 0 success, 1 bad input, 2 bad usage.\n";
@@ -250,6 +252,7 @@ int Run(int argc, char** argv) {
   if (verb == "req") return CmdReq(args);
   if (verb == "verify") return CmdVerify(args);
   if (verb == "pkcs7") return CmdPkcs7(args);
+  if (verb == "pkcs12") return CmdPkcs12(args);
   return Usage("no verb named \"" + verb + "\"", kMainHelp);
 }
 
