@@ -16,6 +16,7 @@
 #include "cmd_verify.h"
 #include "cmd_pkcs7.h"
 #include "cmd_pkcs12.h"
+#include "cmd_portable.h"
 #include "input.h"
 #include "recognise.h"
 
@@ -35,6 +36,8 @@ const char kMainHelp[] =
     "  verify   check a certificate's chain up to a trusted certificate\n"
     "  pkcs7    list, verify, sign, encrypt and decrypt PKCS#7 messages\n"
     "  pkcs12   build a PFX file from a key and certificates, or list one's bags\n"
+    "  stores   list the certificates of the user's MY, CA and ROOT stores\n"
+    "  containers  list the user's key containers and their keys\n"
     "  help     show help for a verb ('korvanta help dump')\n"
     "\n"
     "Every verb takes --help. Exit status: 0 success, 1 bad input, 2 bad usage.\n";
@@ -241,6 +244,10 @@ int Run(int argc, char** argv) {
       std::cout << kTypesHelp;
     } else if (args[0] == "req" || args[0] == "verify") {
       return args[0] == "req" ? CmdReq({"--help"}) : CmdVerify({"--help"});
+    } else if (args[0] == "stores") {
+      std::cout << kvtool::kStoresHelp;
+    } else if (args[0] == "containers") {
+      std::cout << kvtool::kContainersHelp;
     } else {
       return Usage("no verb named \"" + args[0] + "\"", kMainHelp);
     }
@@ -253,6 +260,8 @@ int Run(int argc, char** argv) {
   if (verb == "verify") return CmdVerify(args);
   if (verb == "pkcs7") return CmdPkcs7(args);
   if (verb == "pkcs12") return CmdPkcs12(args);
+  if (verb == "stores") return kvtool::StoresCommand(args);
+  if (verb == "containers") return kvtool::ContainersCommand(args);
   return Usage("no verb named \"" + verb + "\"", kMainHelp);
 }
 
