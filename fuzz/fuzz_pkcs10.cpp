@@ -9,7 +9,7 @@
 
 namespace {
 
-PKCS_CTX Context() {
+PKCS_CTX SharedContext() {
   static PKCS_CTX ctx = [] {
     PKCS_CTX c = nullptr;
     PKCS_Initialize();
@@ -23,7 +23,7 @@ PKCS_CTX Context() {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0 || size > (1u << 16)) return 0;
-  PKCS_CTX ctx = Context();
+  PKCS_CTX ctx = SharedContext();
   KV_LIST* parts = nullptr;
   if (KV_CreateList(&parts) != 0) std::abort();
   PKCS_PUBKEY key;

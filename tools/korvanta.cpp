@@ -3,6 +3,8 @@
 //   korvanta dump [--type NAME] FILE|-         text dump of a DER, PEM or Base64 structure
 //   korvanta base64 encode|decode [...]        Base64 over files or standard input
 //   korvanta types                             the catalogue classes --type accepts
+//   korvanta req --subject DN --key-out KEY    RSA key and PKCS#10 request (or --verify)
+//   korvanta verify --ca FILE LEAF             chain walk to a trusted certificate
 //
 // Exit status: 0 success, 1 unreadable or undecodable input, 2 bad usage.
 #include <cstring>
