@@ -16,7 +16,8 @@
 // -1012 wrong content type, -1013 decryption failed (wrong key or corrupted
 // ciphertext), -1018 the message digest attribute or the digest of a
 // digestedData does not match its content, -1019 output buffer too small,
-// -1021 no single leaf certificate; statuses of the token layer pass through.
+// -1021 no single leaf certificate, -1022 no chain to a trusted certificate;
+// statuses of the token layer pass through.
 // A failing reader hands out no content.
 #pragma once
 
@@ -50,11 +51,12 @@ enum {
 /* Digests are named by the token layer's kinds: KV_ALG_SHA1 (1), KV_ALG_MD5
  * (2), KV_ALG_MD2 (3). */
 
-/* Flags of the signed writers. */
+/* Flags of the signed writers (prefixed, since another widely used toolkit's
+ * headers define the bare names as macros). */
 enum {
-  PKCS7_DETACHED = 1, /* leave the content out of the message */
-  PKCS7_NOATTR = 2,   /* sign the content itself, without authenticated attributes */
-  PKCS7_NOCERTS = 4   /* do not carry the signer's certificate */
+  KV_PKCS7_DETACHED = 1, /* leave the content out of the message */
+  KV_PKCS7_NOATTR = 2,   /* sign the content itself, without authenticated attributes */
+  KV_PKCS7_NOCERTS = 4   /* do not carry the signer's certificate */
 };
 
 /* One signer: its certificate (DER), its RSA private key and its digest. */

@@ -502,7 +502,7 @@ int PKCS7_WriteSignedAndEnvelopedDataMsg(PKCS_CTX ctx, const unsigned char* data
     KV_PKCS7_Signer s;
     int rv = SignerFromFlat(*signer, flags, s);
     if (rv != 0) return rv;
-    sed.setSigner(s, (flags & PKCS7_NOCERTS) == 0);
+    sed.setSigner(s, (flags & KV_PKCS7_NOCERTS) == 0);
     sed.setContent(Bytes(data, len));
     sed.setCipher(cipher);
     for (const MiByte& c : ListBytes(recipients)) {

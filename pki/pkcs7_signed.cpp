@@ -495,7 +495,7 @@ int SignerFrom(const PKCS7_SIGNER& s, int flags, KV_PKCS7_Signer& out) {
   if (s.cert == nullptr || s.certLen == 0 || s.key == nullptr) return KV_ERR_ARGUMENT;
   out.cert = MiByte(reinterpret_cast<const char*>(s.cert), s.certLen);
   out.digest = s.digest;
-  out.attributes = (flags & PKCS7_NOATTR) == 0;
+  out.attributes = (flags & KV_PKCS7_NOATTR) == 0;
   return PrivateKeyFrom(s.key, out.key);
 }
 
@@ -548,12 +548,12 @@ int PKCS7_WriteSignedDataMsg(PKCS_CTX ctx, const unsigned char* data, unsigned i
   if (op == nullptr) return KV_ERR_BAD_CONTEXT;
   return kv::pki::Guard([&]() -> int {
     KV_PKCS7_SignedData sd;
-    sd.setContent(Bytes(data, len), (flags & PKCS7_DETACHED) != 0);
+    sd.setContent(Bytes(data, len), (flags & KV_PKCS7_DETACHED) != 0);
     for (unsigned i = 0; i < signerCount; ++i) {
       KV_PKCS7_Signer s;
       int rv = SignerFrom(signers[i], flags, s);
       if (rv != 0) return rv;
-      sd.addSigner(s, (flags & PKCS7_NOCERTS) == 0);
+      sd.addSigner(s, (flags & KV_PKCS7_NOCERTS) == 0);
     }
     for (const MiByte& c : ListItems(extraCerts)) {
       int rv = sd.addCertificate(c);

@@ -52,8 +52,8 @@ TEST_F(SignedEnvelopedTest, OursOpensWithThePythonOracle) {
       {KV_ALG_SHA1, PKCS7_CIPHER_DES3, 0},
       {KV_ALG_MD5, PKCS7_CIPHER_RC2_40, 0},
       {KV_ALG_MD2, PKCS7_CIPHER_RC4, 0},
-      {KV_ALG_SHA1, PKCS7_CIPHER_DES, PKCS7_NOATTR},
-      {KV_ALG_SHA1, PKCS7_CIPHER_RC2_128, PKCS7_NOATTR},
+      {KV_ALG_SHA1, PKCS7_CIPHER_DES, KV_PKCS7_NOATTR},
+      {KV_ALG_SHA1, PKCS7_CIPHER_RC2_128, KV_PKCS7_NOATTR},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::to_string(c.digest) + "/" + std::to_string(c.cipher));

@@ -57,15 +57,15 @@ TEST_F(SignedDataTest, OurSignaturesVerifyWithOpenssl) {
     int digest;
     int flags;
   } cases[] = {{KV_ALG_SHA1, 0},
-               {KV_ALG_SHA1, PKCS7_DETACHED},
-               {KV_ALG_SHA1, PKCS7_NOATTR},
-               {KV_ALG_SHA1, PKCS7_DETACHED | PKCS7_NOATTR},
+               {KV_ALG_SHA1, KV_PKCS7_DETACHED},
+               {KV_ALG_SHA1, KV_PKCS7_NOATTR},
+               {KV_ALG_SHA1, KV_PKCS7_DETACHED | KV_PKCS7_NOATTR},
                {KV_ALG_MD5, 0},
-               {KV_ALG_MD5, PKCS7_DETACHED | PKCS7_NOATTR}};
+               {KV_ALG_MD5, KV_PKCS7_DETACHED | KV_PKCS7_NOATTR}};
   for (const Case& c : cases) {
     SCOPED_TRACE("digest " + std::to_string(c.digest) + " flags " + std::to_string(c.flags));
     const std::string msg = Put("signed.der", Sign(content, c.digest, c.flags));
-    const std::string detached = (c.flags & PKCS7_DETACHED) ? " -content " + data : "";
+    const std::string detached = (c.flags & KV_PKCS7_DETACHED) ? " -content " + data : "";
     for (const char* tool : {"cms", "smime"}) {
       SCOPED_TRACE(tool);
       std::remove(Path("out.bin").c_str());
@@ -79,7 +79,7 @@ TEST_F(SignedDataTest, OurSignaturesVerifyWithOpenssl) {
 TEST_F(SignedDataTest, Md2SignatureChecksOutWithPython) {
   // OpenSSL has no MD2; the oracle recomputes digest and DigestInfo itself.
   const std::string content = Content(300, 7);
-  for (int flags : {0, int(PKCS7_NOATTR)}) {
+  for (int flags : {0, int(KV_PKCS7_NOATTR)}) {
     const std::string der = Sign(content, KV_ALG_MD2, flags);
     kvtest::ShellResult r = Oracle("verify-signed " + Put("md2.der", der) + " " +
                                    Put("c.bin", content) + " " + pki_.signer.certPem);
@@ -141,7 +141,7 @@ TEST_F(SignedDataTest, SpoiltMessagesFailWithTheirStatus) {
   EXPECT_EQ(Verify(flipContent(Sign(content, KV_ALG_SHA1, 0))), KV_ERR_DIGEST);
   // Without attributes the signature itself fails.
   EXPECT_EQ(Verify(flipContent(theirs(" -noattr"))), KV_ERR_SIGNATURE);
-  EXPECT_EQ(Verify(flipContent(Sign(content, KV_ALG_MD5, PKCS7_NOATTR))), KV_ERR_SIGNATURE);
+  EXPECT_EQ(Verify(flipContent(Sign(content, KV_ALG_MD5, KV_PKCS7_NOATTR))), KV_ERR_SIGNATURE);
   // The signature is the message's last field.
   for (std::string msg : {theirs(""), Sign(content, KV_ALG_SHA1, 0)}) {
     msg.back() ^= 0x40;
@@ -150,13 +150,13 @@ TEST_F(SignedDataTest, SpoiltMessagesFailWithTheirStatus) {
   // Detached content that is not what was signed.
   std::string other = content;
   other[0] ^= 1;
-  const std::string detached = Sign(content, KV_ALG_SHA1, PKCS7_DETACHED);
+  const std::string detached = Sign(content, KV_ALG_SHA1, KV_PKCS7_DETACHED);
   EXPECT_EQ(Verify(detached, &other), KV_ERR_DIGEST);
   EXPECT_EQ(Verify(detached), KV_ERR_ARGUMENT);
   // A certificate that is not the signer's, and a message that carries none.
   const std::string good = Sign(content, KV_ALG_SHA1, 0);
   EXPECT_EQ(Verify(good, nullptr, &pki_.recipient.cert), KV_ERR_NOT_FOUND);
-  const std::string bare = Sign(content, KV_ALG_SHA1, PKCS7_NOCERTS);
+  const std::string bare = Sign(content, KV_ALG_SHA1, KV_PKCS7_NOCERTS);
   EXPECT_EQ(Verify(bare), KV_ERR_NOT_FOUND);
   EXPECT_EQ(Verify(bare, nullptr, &pki_.signer.cert), 0);
   // Another content type, and no message at all.
