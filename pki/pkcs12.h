@@ -59,7 +59,8 @@ int KV_GenPFX(PKCS_CTX ctx, const unsigned char* cert, unsigned int certLen, con
               const char* password, unsigned char** pfx, unsigned int* pfxLen);
 
 /* The same with options (null: defaults). -1010 for an unknown certCipher,
- * an iteration count below 1, or a CA certificate that is not DER. */
+ * an iteration count below 1, a CA certificate that is not DER, or a
+ * friendlyName that is not UTF-8 or leaves the basic plane. */
 int KV_GenPFXEx(PKCS_CTX ctx, const unsigned char* cert, unsigned int certLen,
                 const PKCS_PRIKEY* key, const char* password, const KV_PFX_OPTIONS* options,
                 unsigned char** pfx, unsigned int* pfxLen);
@@ -116,6 +117,12 @@ struct KV_PFX_BAG {
 // A PFX file read into its bags. Plain value.
 class KV_PFX {
  public:
+  KV_PFX() = default;
+  KV_PFX(const KV_PFX&) = default;
+  KV_PFX& operator=(const KV_PFX&) = default;
+  // Clears the decrypted keys.
+  ~KV_PFX();
+
   // Reads der with the password (UTF-8; null is the empty password). Returns
   // a status of the table above; on failure the object is empty.
   int Read(KV_P11_OP& op, const MiByte& der, const char* password);

@@ -67,19 +67,27 @@ int Random(KV_P11_OP& op, unsigned n, MiByte& out) {
   return rv;
 }
 
+// The friendlyName as a BMPString; false for text that is not UTF-8 or has
+// characters beyond the basic plane, which a BMPString cannot hold.
+bool FriendlyName(const char* utf8, AsnBMPString& name) {
+  try {
+    name.SetUtf8(utf8);
+  } catch (const MiException&) {
+    return false;
+  }
+  for (unsigned i = 0; i < name.GetCount(); ++i)
+    if (name.GetCode(i) > 0xFFFF) return false;
+  return true;
+}
+
 // The attributes of the key and leaf bags: friendlyName, then localKeyId.
-AsnSetOf<PKCS12Attribute> BagAttributes(const char* friendlyName, const MiByte& localKeyId) {
+AsnSetOf<PKCS12Attribute> BagAttributes(const AsnBMPString* name, const MiByte& localKeyId) {
   AsnSetOf<PKCS12Attribute> attrs;
-  if (friendlyName && *friendlyName) {
-    AsnBMPString name;
-    name.SetUtf8(friendlyName);
-    // Characters beyond the basic plane cannot be written as a BMPString.
-    for (unsigned i = 0; i < name.GetCount(); ++i)
-      if (name.GetCode(i) > 0xFFFF) throw MiInvalidArgumentExp();
+  if (name) {
     PKCS12Attribute* a = attrs.AddNew();
     a->SetAttrId(AsnOid(kOidFriendlyName));
     AsnSetOf<AsnAny> values;
-    values.Add(AsnAny(name));
+    values.Add(AsnAny(*name));
     a->SetAttrValues(values);
   }
   if (!localKeyId.Empty()) {
@@ -131,6 +139,9 @@ int Build(KV_P11_OP& op, const MiByte& cert, const PKCS_PRIKEY& key, const char*
       return KV_ERR_ARGUMENT;
   }
   if (opt.localKeyId == nullptr && opt.localKeyIdLen != 0) return KV_ERR_ARGUMENT;
+  AsnBMPString name;
+  const bool named = opt.friendlyName && *opt.friendlyName;
+  if (named && !FriendlyName(opt.friendlyName, name)) return KV_ERR_ARGUMENT;
   if (!IsCertificate(cert)) return KV_ERR_DECODE;
   std::vector<MiByte> cas;
   if (opt.caCerts) {
@@ -176,7 +187,7 @@ int Build(KV_P11_OP& op, const MiByte& cert, const PKCS_PRIKEY& key, const char*
     MiByte in(cert);
     if ((rv = op.Digest(sha1, in, localKeyId)) != 0) return rv;
   }
-  AsnSetOf<PKCS12Attribute> attrs = BagAttributes(opt.friendlyName, localKeyId);
+  AsnSetOf<PKCS12Attribute> attrs = BagAttributes(named ? &name : nullptr, localKeyId);
 
   // The shrouded key bag.
   MiByte keySalt, encryptedKey;

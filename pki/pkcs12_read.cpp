@@ -360,6 +360,10 @@ int Fill(const std::vector<KV_PFX_BAG>& bags, KV_PFX_CONTENTS& out) {
 
 }  // namespace
 
+KV_PFX::~KV_PFX() {
+  for (KV_PFX_BAG& b : bags_) Wipe(b.value);
+}
+
 int KV_PFX::Read(KV_P11_OP& op, const MiByte& der, const char* password) {
   bags_.clear();
   integrity_.clear();

@@ -191,19 +191,17 @@ TEST_F(Build, OurReaderGetsBackWhatWentIn) {
   KV_DestroyList(cas);
   p12test::Parsed p;
   ASSERT_EQ(p12test::Parse(lib_, pfx, kUnicodePassword, p), 0);
-  const PKCS_PRIKEY& a = *key_.get();
-  const PKCS_PRIKEY& b = p.c.key;
-  EXPECT_EQ(p12test::Hex(b.modulus, b.modulusLen), p12test::Hex(a.modulus, a.modulusLen));
-  EXPECT_EQ(p12test::Hex(b.publicExponent, b.publicExponentLen),
-            p12test::Hex(a.publicExponent, a.publicExponentLen));
-  EXPECT_EQ(p12test::Hex(b.privateExponent, b.privateExponentLen),
-            p12test::Hex(a.privateExponent, a.privateExponentLen));
-  EXPECT_EQ(p12test::Hex(b.prime1, b.prime1Len), p12test::Hex(a.prime1, a.prime1Len));
-  EXPECT_EQ(p12test::Hex(b.prime2, b.prime2Len), p12test::Hex(a.prime2, a.prime2Len));
-  EXPECT_EQ(p12test::Hex(b.exponent1, b.exponent1Len), p12test::Hex(a.exponent1, a.exponent1Len));
-  EXPECT_EQ(p12test::Hex(b.exponent2, b.exponent2Len), p12test::Hex(a.exponent2, a.exponent2Len));
-  EXPECT_EQ(p12test::Hex(b.coefficient, b.coefficientLen),
-            p12test::Hex(a.coefficient, a.coefficientLen));
+  auto parts = [](const PKCS_PRIKEY& k) {
+    return std::vector<std::string>{p12test::Hex(k.modulus, k.modulusLen),
+                                    p12test::Hex(k.publicExponent, k.publicExponentLen),
+                                    p12test::Hex(k.privateExponent, k.privateExponentLen),
+                                    p12test::Hex(k.prime1, k.prime1Len),
+                                    p12test::Hex(k.prime2, k.prime2Len),
+                                    p12test::Hex(k.exponent1, k.exponent1Len),
+                                    p12test::Hex(k.exponent2, k.exponent2Len),
+                                    p12test::Hex(k.coefficient, k.coefficientLen)};
+  };
+  EXPECT_EQ(parts(p.c.key), parts(*key_.get()));
   EXPECT_TRUE(p.Cert() == cert_);
   EXPECT_EQ(p.Others(), std::vector<std::string>{ca_});
   EXPECT_STREQ(p.c.friendlyName, "Leaf User");
@@ -214,13 +212,21 @@ TEST_F(Build, OurReaderGetsBackWhatWentIn) {
             p12test::Build(lib_, cert_, key_.get(), "pw"));
 }
 
+// The control's path: a decrypted PKCS#1 key (here 1024 bits) decoded by the
+// key conversions, then packed with the fixed password.
 TEST_F(Build, SmallKeyOfTheKmcPath) {
-  p12test::KeyRecord small("small-key.pem");
+  std::string der = p12test::PemDer("small-key.pem");
+  PKCS_PRIKEY key;
+  PKCS_InitPriKey(lib_.ctx(), &key);
+  ASSERT_EQ(KV_PKCS1PriKeyDecode(lib_.ctx(), reinterpret_cast<const unsigned char*>(der.data()),
+                                 static_cast<unsigned>(der.size()), &key),
+            0);
   std::string cert = p12test::PemDer("small.pem");
-  std::string file = Save(p12test::Build(lib_, cert, small.get(), kKmcPassword), kKmcPassword);
+  std::string file = Save(p12test::Build(lib_, cert, &key, kKmcPassword), kKmcPassword);
   OpenSslView v = OpenSsl(file);
-  EXPECT_EQ(v.modulus, "Modulus=" + Upper(small.ModulusHex()) + "\n");
+  EXPECT_EQ(v.modulus, "Modulus=" + Upper(p12test::Hex(key.modulus, key.modulusLen)) + "\n");
   EXPECT_TRUE(v.leaf == cert);
+  PKCS_FreePriKey(lib_.ctx(), &key);
 }
 
 TEST_F(Build, Statuses) {
@@ -250,6 +256,11 @@ TEST_F(Build, Statuses) {
   KV_PFX_OPTIONS opt{};
   opt.certCipher = 9;
   EXPECT_EQ(gen(ctx, cert_, key_.get(), "pw", &opt), KV_ERR_ARGUMENT);
+  opt = KV_PFX_OPTIONS{};
+  for (const char* name : {"\xC3", "key \xF0\x9F\x94\x91"}) {
+    opt.friendlyName = name;
+    EXPECT_EQ(gen(ctx, cert_, key_.get(), "pw", &opt), KV_ERR_ARGUMENT) << name;
+  }
   opt = KV_PFX_OPTIONS{};
   opt.iterations = -1;
   EXPECT_EQ(gen(ctx, cert_, key_.get(), "pw", &opt), KV_ERR_ARGUMENT);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <fstream>
 
 #include "asn1/asn1.h"
 
@@ -17,6 +18,21 @@ std::string PemDer(const std::string& name) {
       kvtest::PemBlocks(kvtest::ReadFile(DataPath(name)), {"CERTIFICATE", "RSA PRIVATE KEY"});
   EXPECT_FALSE(blocks.empty()) << name;
   return blocks.empty() ? std::string() : blocks[0];
+}
+
+std::vector<std::map<std::string, std::string>> Records(const std::string& name) {
+  std::ifstream f(DataPath(name));
+  EXPECT_TRUE(f.good()) << name;
+  std::vector<std::map<std::string, std::string>> out(1);
+  std::string line;
+  while (std::getline(f, line)) {
+    size_t eq = line.find(" = ");
+    if (line.empty() && !out.back().empty()) out.emplace_back();
+    if (!line.empty() && line[0] != '#' && eq != std::string::npos)
+      out.back()[line.substr(0, eq)] = line.substr(eq + 3);
+  }
+  if (out.back().empty()) out.pop_back();
+  return out;
 }
 
 namespace {

@@ -2,6 +2,7 @@
 // library context, and running the independent readers.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,10 @@ namespace p12test {
 std::string DataPath(const std::string& name);
 // The DER of the first PEM block of a data file.
 std::string PemDer(const std::string& name);
+
+// Records of "NAME = value" lines separated by blank lines ("#" comments) of
+// a data file.
+std::vector<std::map<std::string, std::string>> Records(const std::string& name);
 
 // A PKCS#1 PEM key of the data folder as a key record (decoded here with the
 // generic DER types, not with the key conversions under test elsewhere).

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
-#include <map>
 
 #include "asn1/asn1.h"
 #include "pkcs12/p12_util.h"
@@ -134,23 +132,8 @@ TEST_F(Read, PythonCryptographyFiles) {
   EXPECT_EQ(p12test::Parse(lib_, kvtest::ReadFile(out), "58203716", p), KV_ERR_UNSUPPORTED);
 }
 
-// Records of "NAME = value" lines separated by blank lines.
-std::vector<std::map<std::string, std::string>> Records(const std::string& path) {
-  std::ifstream f(path);
-  std::vector<std::map<std::string, std::string>> out(1);
-  std::string line;
-  while (std::getline(f, line)) {
-    size_t eq = line.find(" = ");
-    if (line.empty() && !out.back().empty()) out.emplace_back();
-    if (!line.empty() && line[0] != '#' && eq != std::string::npos)
-      out.back()[line.substr(0, eq)] = line.substr(eq + 3);
-  }
-  if (out.back().empty()) out.pop_back();
-  return out;
-}
-
 TEST_F(Read, VectorsPackageFilesAsPythonReadsThem) {
-  auto records = Records(DataPath("vectors-python.txt"));
+  auto records = p12test::Records("vectors-python.txt");
   ASSERT_EQ(records.size(), 29u);
   for (auto& r : records) {
     std::string path = std::string(KV_VECTORS_DIR) + "/pkcs12/" + r["FILE"];
