@@ -405,5 +405,30 @@ TEST_F(KeysTest, ContainersPersistPrivatelyUnderAnyNameWithoutStrayFiles) {
   EXPECT_EQ(p_->ListContainers().size(), names.size() - 1);
 }
 
+TEST_F(KeysTest, DamagedContainerFilesAreNoContainers) {
+  ProvHandle h = Create("whole");
+  KeyHandle key = 0;
+  ASSERT_TRUE(p_->GenKey(h, KV_AT_SIGNATURE, 512u << 16, &key));
+  std::string whole = ReadFile(tmp_ / "data/containers/whole.key");
+  // A record the lenient decoder half-accepts (found by fuzzing), a cut one,
+  // and one whose name is not the file's.
+  const char lenient[] = "MB8CAQECAQCgFwQIcwBlAGUAZABBAFAAAgEAAgEAAgEC";
+  tmp_.Write("lenient.b64", lenient);
+  Must("openssl base64 -d -in " + (tmp_ / "lenient.b64") + " -out " +
+       (tmp_ / "data/containers/lenient.key"));
+  tmp_.Write("data/containers/cut.key", whole.substr(0, whole.size() / 2));
+  tmp_.Write("data/containers/other.key", whole);
+  for (const char* name : {"lenient", "cut", "other"}) {
+    ProvHandle p = 0;
+    EXPECT_FALSE(p_->AcquireContext(&p, name, kEnhanced, 1, 0)) << name;
+    EXPECT_EQ(p_->GetLastError(), uint32_t(KV_NTE_BAD_KEYSET)) << name;
+  }
+  std::vector<ContainerSummary> list = p_->ListContainers();
+  ASSERT_EQ(list.size(), 2u);  // "whole", and its copy under the other file name
+  EXPECT_EQ(list[0].name, "whole");
+  // A damaged container may be created afresh.
+  EXPECT_NE(Create("cut"), 0u);
+}
+
 }  // namespace
 }  // namespace kvtest

@@ -180,7 +180,9 @@ Bytes EncodeContainer(const ContainerRecord& record) {
   return Encoded(rec);
 }
 
-bool DecodeContainer(const Bytes& der, ContainerRecord* record) {
+namespace {
+
+bool ReadContainer(const Bytes& der, ContainerRecord* record) {
   KeyContainerAsn rec;
   if (!DecodeWhole(rec, der)) return false;
   int64_t version = 0;
@@ -195,6 +197,18 @@ bool DecodeContainer(const Bytes& der, ContainerRecord* record) {
   }
   *record = std::move(out);
   return true;
+}
+
+}  // namespace
+
+// The decoder is lenient about missing elements, and a value it accepted may
+// still refuse to encode: every exception means "not a record".
+bool DecodeContainer(const Bytes& der, ContainerRecord* record) {
+  try {
+    return ReadContainer(der, record);
+  } catch (const MiException&) {
+    return false;
+  }
 }
 
 Bytes EncodeProperties(const PropertyRecord& record) {
@@ -217,7 +231,9 @@ Bytes EncodeProperties(const PropertyRecord& record) {
   return Encoded(rec);
 }
 
-bool DecodeProperties(const Bytes& der, PropertyRecord* record) {
+namespace {
+
+bool ReadProperties(const Bytes& der, PropertyRecord* record) {
   PropertiesAsn rec;
   if (!DecodeWhole(rec, der)) return false;
   int64_t version = 0;
@@ -240,6 +256,16 @@ bool DecodeProperties(const Bytes& der, PropertyRecord* record) {
   }
   *record = std::move(out);
   return true;
+}
+
+}  // namespace
+
+bool DecodeProperties(const Bytes& der, PropertyRecord* record) {
+  try {
+    return ReadProperties(der, record);
+  } catch (const MiException&) {
+    return false;
+  }
 }
 
 }  // namespace kv::control::portable
