@@ -1,17 +1,22 @@
 // RSA engine: key loading and its consistency check, the raw public and
 // private operations (CRT, blinded, verified), PKCS#1 v1.5 blocks, v1.5
 // signatures over digests and the message table.
-#if defined(_WIN32)
-#define _CRT_RAND_S  // declares rand_s; must precede every C library header
-#include <stdlib.h>
-#endif
-
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <new>
 
-#if defined(__linux__)
+#if defined(_WIN32)
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+#include <windows.h>
+// After windows.h, which it needs.
+#include <bcrypt.h>
+#elif defined(__linux__)
 #include <errno.h>
 #include <sys/random.h>
 #endif
@@ -395,15 +400,9 @@ extern "C" {
 int KV_RSA_OsRandom(void*, unsigned char* buf, unsigned int len) {
   if (buf == nullptr && len != 0) return -2;
 #if defined(_WIN32)
-  while (len > 0) {
-    unsigned int v = 0;
-    if (rand_s(&v) != 0) return -1;
-    unsigned int take = len < 4 ? len : 4;
-    std::memcpy(buf, &v, take);
-    buf += take;
-    len -= take;
-  }
-  return 0;
+  // The system-preferred generator: no algorithm handle to open or close.
+  if (len == 0) return 0;
+  return BCryptGenRandom(nullptr, buf, len, BCRYPT_USE_SYSTEM_PREFERRED_RNG) == 0 ? 0 : -1;
 #else
 #if defined(__linux__)
   while (len > 0) {

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Runs every test on a fresh Debian machine: installs what is needed, builds
-# with g++ and runs ctest; builds again with clang under AddressSanitizer and
-# UndefinedBehaviorSanitizer and runs ctest; builds the libFuzzer targets and
-# runs each for a short fixed time on its seed corpus.
+# with g++ and runs ctest; builds the library for Windows with mingw-w64;
+# builds again with clang under AddressSanitizer and UndefinedBehaviorSanitizer
+# and runs ctest; builds the libFuzzer targets and runs each for a short fixed
+# time on its seed corpus.
 #
 #   KV_FUZZ_SECONDS  seconds per fuzz target (default 20; 0 skips fuzzing)
 #   KV_JOBS          parallel build and test jobs (default: number of cores)
@@ -30,6 +31,12 @@ cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release -DKV_WERROR=ON
 cmake --build build -j "$jobs"
 step "tests (g++, release)"
 run_ctest --test-dir build
+
+step "build (mingw-w64, the library for x86-64 Windows: a compile check)"
+cmake -S . -B build-mingw -G Ninja -DCMAKE_BUILD_TYPE=Release \
+  -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64.cmake -DKV_WERROR=ON \
+  -DKV_BUILD_TESTS=OFF -DKV_BUILD_TOOLS=OFF -DKV_BUILD_BENCH=OFF
+cmake --build build-mingw -j "$jobs" --target korvanta
 
 step "build (clang, ASan + UBSan)"
 cmake -S . -B build-san -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
