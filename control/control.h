@@ -3,6 +3,8 @@
 
 #include "control/platform.h"
 
-#ifndef _WIN32
+#ifdef _WIN32
+#include "control/win32/win32_platform.h"
+#else
 #include "control/portable/portable_platform.h"
 #endif
