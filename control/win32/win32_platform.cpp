@@ -331,11 +331,52 @@ bool Win32Platform::DeleteCertificateFromStore(CertHandle cert) {
   return CertDeleteCertificateFromStore(Cert(cert)) ? true : Failed();
 }
 
+namespace {
+
+// Wine's PFX import records key specification 3 on the certificates, a value
+// no RSA provider answers; Windows records the key's real one. The imported
+// key is looked up in its container, exchange key first, and the
+// certificate's key provider information names that specification. Nothing
+// changes where the recorded value is already 1 or 2.
+void SettleImportedKeySpecs(HCERTSTORE store) {
+  for (PCCERT_CONTEXT c = CertEnumCertificatesInStore(store, nullptr); c;
+       c = CertEnumCertificatesInStore(store, c)) {
+    DWORD size = 0;
+    if (!CertGetCertificateContextProperty(c, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &size)) {
+      continue;
+    }
+    std::vector<BYTE> buf(size);
+    if (!CertGetCertificateContextProperty(c, CERT_KEY_PROV_INFO_PROP_ID, buf.data(), &size)) {
+      continue;
+    }
+    auto* info = reinterpret_cast<CRYPT_KEY_PROV_INFO*>(buf.data());
+    if (info->dwKeySpec == AT_KEYEXCHANGE || info->dwKeySpec == AT_SIGNATURE) continue;
+    HCRYPTPROV prov = 0;
+    if (!CryptAcquireContextW(&prov, info->pwszContainerName, info->pwszProvName, info->dwProvType,
+                              CRYPT_SILENT | (info->dwFlags & CRYPT_MACHINE_KEYSET))) {
+      continue;
+    }
+    for (DWORD spec : {static_cast<DWORD>(AT_KEYEXCHANGE), static_cast<DWORD>(AT_SIGNATURE)}) {
+      HCRYPTKEY key = 0;
+      if (CryptGetUserKey(prov, spec, &key)) {
+        CryptDestroyKey(key);
+        info->dwKeySpec = spec;
+        CertSetCertificateContextProperty(c, CERT_KEY_PROV_INFO_PROP_ID, 0, info);
+        break;
+      }
+    }
+    CryptReleaseContext(prov, 0);
+  }
+}
+
+}  // namespace
+
 bool Win32Platform::PFXImportCertStore(const uint8_t* pfx, uint32_t len, const char16_t* password,
                                        uint32_t flags, StoreHandle* store) {
   CRYPT_DATA_BLOB blob{len, const_cast<BYTE*>(pfx)};
   HCERTSTORE h = ::PFXImportCertStore(&blob, AsWide(password), flags);
   if (!h) return Failed();
+  SettleImportedKeySpecs(h);
   *store = reinterpret_cast<StoreHandle>(h);
   return true;
 }
