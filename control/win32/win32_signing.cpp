@@ -66,7 +66,10 @@ std::vector<BYTE> ConfiguredThumbprint() {
   LONG rc = RegQueryValueExA(key, kSigningChooserValue, nullptr, &type,
                              reinterpret_cast<BYTE*>(text), &size);
   RegCloseKey(key);
-  if (rc != ERROR_SUCCESS || type != REG_SZ) return {};
+  if (rc != ERROR_SUCCESS) return {};
+  // A value that is there but unusable selects nothing rather than falling
+  // back to the dialog.
+  if (type != REG_SZ) return std::vector<BYTE>(1, 0);
   // Hex digits; spaces and colons between them are allowed.
   std::vector<BYTE> out;
   int high = -1;
@@ -82,7 +85,6 @@ std::vector<BYTE> ConfiguredThumbprint() {
       high = -1;
     }
   }
-  // A malformed value selects nothing rather than falling back to the dialog.
   if (high >= 0 || out.size() != 20) return std::vector<BYTE>(1, 0);
   return out;
 }

@@ -14,7 +14,9 @@
 // "<section>: N checks, M failed"; the exit code is 0 only without failures.
 #include <windows.h>
 // windows.h first.
-#include <initguid.h>
+#ifndef _MSC_VER
+#include <initguid.h>  // widl's header then defines the identifiers
+#endif
 #include <objsafe.h>
 #include <ocidl.h>
 #include <ole2.h>

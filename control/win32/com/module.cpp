@@ -7,7 +7,9 @@
 // The interface and class identifiers are defined in this file.
 #include "control/win32/internal/windows.h"
 // initguid.h must follow windows.h.
-#include <initguid.h>
+#ifndef _MSC_VER
+#include <initguid.h>  // widl's header then defines the identifiers
+#endif
 
 #include "control/win32/com/object.h"
 
