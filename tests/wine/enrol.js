@@ -115,6 +115,15 @@ var steps = {
     var k = control();
     expectRet("writeClientCert_kex", k.writeClientCert_kex(readText("p7.b64")), 0);
   },
+  // Only the certificate that expires last stays in MY:
+  //   leave WORKDIR USERDN ISSUERDN
+  "leave": function () {
+    var k = control();
+    var user = WScript.Arguments(2), issuer = WScript.Arguments(3);
+    expectRet("leavingMostRecentCert", k.leavingMostRecentCert(user, issuer), 0);
+    expectRet("leavingMostRecentCert of nobody", k.leavingMostRecentCert("CN=nobody", issuer),
+              8126);
+  },
   // Certificate and key back as a PFX for the user to keep.
   "pfx-install": function () {
     var k = control();

@@ -233,6 +233,30 @@ run_prefix() {
     fail "key-request"
   fi
 
+  # leavingMostRecentCert: three certificates of one subject and issuer,
+  # expiring 2040, 2042 and 2041; only the 2042 one stays.
+  local leave_dn="CN=Korvanta 离开,C=CN" year issuer_dn
+  for year in 2040 2042 2041; do
+    if enrol key-request; then
+      python3 "$refca" issue --pubkey "$work/pubkey.b64" --out "$work/p7.b64" --ca-dir "$ca" \
+        --subject "$leave_dn" --not-after "${year}0101000000" --leaf-out "$work/leave$year.der"
+      enrol noprotect-install || fail "install of the $year certificate"
+    else
+      fail "key-request ($year)"
+    fi
+  done
+  issuer_dn=$(openssl x509 -inform DER -in "$work/leave2040.der" -noout -issuer \
+    -nameopt RFC2253,-esc_msb | sed 's/^issuer=//')
+  if enrol leave "$leave_dn" "$issuer_dn"; then
+    check_leaf leave2042.der 2 no
+    for year in 2040 2041; do
+      out=$(w 'C:\kvtest\wine_stores.exe' absent "C:\\kvtest\\work\\leave$year.der")
+      printf '%s\n' "$out" | grep -qx "absent OK" || fail "the $year certificate is still there"
+    done
+  else
+    fail "leave"
+  fi
+
   # PFX export: the certificate with its key, under the page's password.
   if enrol key-request; then
     python3 "$refca" issue --pubkey "$work/pubkey.b64" --out "$work/p7.b64" --ca-dir "$ca" \

@@ -10,8 +10,6 @@
 //       the root is in ROOT, each intermediate in CA, none in MY.
 //   wine_stores absent LEAF.der
 //       the certificate is in none of MY, CA, ROOT.
-//   wine_stores count SUBJECT_CN
-//       prints how many certificates in MY have that common name.
 //
 // Prints "FAIL ..." lines and "<command> OK" when every check held; the exit
 // code is 0 only then.
@@ -20,7 +18,6 @@
 #include <wincrypt.h>
 
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -160,21 +157,6 @@ int Absent(const char* path) {
   return 0;
 }
 
-int Count(const char* cn) {
-  HCERTSTORE s = CertOpenSystemStoreA(0, "MY");
-  int n = 0;
-  for (PCCERT_CONTEXT c = s ? CertEnumCertificatesInStore(s, nullptr) : nullptr; c;
-       c = CertEnumCertificatesInStore(s, c)) {
-    char name[512] = {};
-    CertGetNameStringA(c, CERT_NAME_ATTR_TYPE, 0, const_cast<char*>(szOID_COMMON_NAME), name,
-                       sizeof name);
-    if (std::strcmp(name, cn) == 0) ++n;
-  }
-  if (s) CertCloseStore(s, 0);
-  std::printf("count=%d\n", n);
-  return 0;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -185,10 +167,8 @@ int main(int argc, char** argv) {
     Chain(argc - 2, argv + 2);
   } else if (cmd == "absent" && argc == 3) {
     Absent(argv[2]);
-  } else if (cmd == "count" && argc == 3) {
-    Count(argv[2]);
   } else {
-    std::printf("usage: wine_stores leaf|chain|absent|count ...\n");
+    std::printf("usage: wine_stores leaf|chain|absent ...\n");
     return 2;
   }
   if (g_failed == 0) std::printf("%s OK\n", cmd.c_str());
