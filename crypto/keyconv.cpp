@@ -318,10 +318,17 @@ int DecodeStrict(const unsigned char* der, unsigned derLen, int fields, AsnObjec
   return 0;
 }
 
-// The unsigned magnitude of a decoded INTEGER into a record field.
+// The strict check let through only minimal non-negative integers, so the
+// magnitude is the octets without a sign octet (zero stays one 00 octet).
 bool Take(const AsnInteger* i, Part part) {
-  const MiByte m = i->GetData().GetMagnitude();
-  return Set(part, NewBuffer(m.GetBytes(), m.GetLength()), m.GetLength());
+  const MiBigInteger& v = i->GetData();
+  const unsigned char* p = v.Data();
+  unsigned n = v.Size();
+  if (n > 1 && p[0] == 0) {
+    ++p;
+    --n;
+  }
+  return Set(part, NewBuffer(p, n), n);
 }
 
 int EncodeToCaller(const AsnObject& obj, unsigned char* der, unsigned int* length, bool secret) {

@@ -172,13 +172,23 @@ int KV_Certificate_Tool::VerifyCertificateChain(KV_P11_OP& op, const Certificate
     RSAPublicKey rsa;
     int rv = PublicKeyOf(issuer ? *issuer : *cert, rsa);
     if (rv != 0) return rv;
+    return VerifySignature(op, *cert, rsa);
+  });
+}
+
+int KV_Certificate_Tool::VerifySignature(KV_P11_OP& op, const Certificate& cert,
+                                         const RSAPublicKey& issuerKey) {
+  return Guard([&]() -> int {
+    const TBSCertificate* tbs = cert.GetTBSCertificate();
+    if (tbs == nullptr) return KV_ERR_MISSING_FIELD;
+    RSAPublicKey rsa(issuerKey);
     KV_P11_Key key;
-    rv = key.setRSAPublicKey(rsa);
+    int rv = key.setRSAPublicKey(rsa);
     if (rv == 0) rv = key.setKeyType(KV_KEY_RSA_PUBLIC);
     if (rv != 0) return rv;
 
-    const AlgorithmIdentifier* sigAlg = cert->GetAlgorithmIdentifier();
-    const AsnBitString* sigBits = cert->GetEncrypted();
+    const AlgorithmIdentifier* sigAlg = cert.GetAlgorithmIdentifier();
+    const AsnBitString* sigBits = cert.GetEncrypted();
     if (sigAlg == nullptr || sigAlg->GetAlgorithm() == nullptr || sigBits == nullptr) {
       return KV_ERR_MISSING_FIELD;
     }

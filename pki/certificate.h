@@ -64,4 +64,7 @@ class KV_Certificate_Tool {
                                     const Certificate* issuer);
   // The same on DER certificates.
   static int VerifyCertificateChain(KV_P11_OP& op, const MiByte* cert, const MiByte* issuer);
+  // Only the signature check of VerifyCertificateChain, with a given key and
+  // no comparison of names: for callers that link a chain themselves.
+  static int VerifySignature(KV_P11_OP& op, const Certificate& cert, const RSAPublicKey& issuerKey);
 };

@@ -14,6 +14,13 @@ bool DecodeWhole(AsnObject& obj, const unsigned char* p, unsigned n) {
   // The runtime reads indefinite lengths as zero; insisting on one definite
   // encoding that fills the input keeps trailing garbage out.
   if (!SplitTlv(p, n, header, content)) return false;
+  // The runtime does not check a mandatory element's own identifier; the
+  // outermost one at least must be the type's.
+  const AsnTag& tag = obj.GetAsnTag();
+  if (!obj.IsAsnChoice() && !obj.IsAsnAnyType() && tag.tagNumber < 31 &&
+      p[0] != (tag.tagClass | tag.tagForm | tag.tagNumber)) {
+    return false;
+  }
   try {
     MiByte in(reinterpret_cast<const char*>(p), n);
     return obj.DerDecode(in, 0) == n;

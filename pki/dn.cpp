@@ -285,13 +285,22 @@ bool ValueText(const AsnObject& value, std::string& text) {
   return false;
 }
 
+// Whether the text form of a value reads back as a value of that attribute;
+// otherwise the value is written in hex.
+bool ParsesBack(const char* oid, const std::string& text) {
+  if (text.find('\0') != std::string::npos) return false;
+  if (std::strcmp(oid, kv::pki::kEmailOid) == 0) return IsAscii(text);
+  if (std::strcmp(oid, "2.5.4.6") == 0 || std::strcmp(oid, "2.5.4.46") == 0) {
+    return IsPrintable(text);
+  }
+  return true;
+}
+
 void AppendEscaped(std::string& out, const std::string& v) {
   for (size_t i = 0; i < v.size(); ++i) {
     char c = v[i];
-    if (c == '\0') {
-      out += "\\00";
-    } else if (std::strchr("\\\"+,;<>", c) != nullptr || (i == 0 && (c == '#' || c == ' ')) ||
-               (i + 1 == v.size() && c == ' ')) {
+    if (std::strchr("\\\"+,;<>", c) != nullptr || (i == 0 && (c == '#' || c == ' ')) ||
+        (i + 1 == v.size() && c == ' ')) {
       out += '\\';
       out += c;
     } else {
@@ -334,7 +343,7 @@ std::string FormatDnText(const Name& name) {
       const AsnAny* value = ava.GetValue();
       if (value == nullptr || !value->HasData()) continue;
       std::string text;
-      if (attr && ValueText(*value->GetData(), text)) {
+      if (attr && ValueText(*value->GetData(), text) && ParsesBack(attr->oid, text)) {
         AppendEscaped(out, text);
       } else {
         AppendHex(out, Der(*value->GetData()));

@@ -31,8 +31,10 @@
 // GQ DQ E, values of the string types (PrintableString, UTF8String,
 // IA5String, BMPString, ...) as UTF-8 text escaped like RFC 4514 printers do
 // (\ " + , ; < > always, "#" or space at the start and space at the end),
-// and every other value, or any attribute outside the table, as
-// OID=#HEXDER. Text made from a name parses back to a name with the same
+// and as KEYWORD=#HEXDER every other value and every value whose text would
+// not read back (a C or DQ outside PrintableString, an E outside ASCII, a NUL
+// octet); an attribute outside the table as OID=#HEXDER. Text made from a
+// name parses back to a name that gives the same text again, with the same
 // attributes and values.
 #pragma once
 

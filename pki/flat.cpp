@@ -2,7 +2,9 @@
 
 #include <atomic>
 #include <cstring>
+#include <mutex>
 #include <new>
+#include <unordered_set>
 #include <vector>
 
 #include "pki/internal/context.h"
@@ -10,6 +12,14 @@
 namespace {
 
 std::atomic<int> g_initCount{0};
+
+// Live contexts. A destroyed context's memory is gone, so its magic cannot be
+// read to refuse a second PKCS_DestroyCtx; membership here can.
+std::mutex g_contextsLock;
+std::unordered_set<const PKCS_CONTEXT*>& Contexts() {
+  static auto* live = new std::unordered_set<const PKCS_CONTEXT*>;
+  return *live;
+}
 
 struct Item {
   unsigned char* data = nullptr;
@@ -29,7 +39,12 @@ bool LibraryInitialized() {
 }
 
 KV_P11_OP* ContextOp(PKCS_CTX ctx) {
-  if (ctx == nullptr || ctx->magic != PKCS_CONTEXT::kMagic) return nullptr;
+  if (ctx == nullptr) return nullptr;
+  {
+    std::lock_guard<std::mutex> lock(g_contextsLock);
+    if (Contexts().count(ctx) == 0) return nullptr;
+  }
+  if (ctx->magic != PKCS_CONTEXT::kMagic) return nullptr;
   return &ctx->op;
 }
 
@@ -74,13 +89,23 @@ int PKCS_CreateCtx(PKCS_CTX* ctx) {
       delete c;
       return rv;
     }
+    try {
+      std::lock_guard<std::mutex> lock(g_contextsLock);
+      Contexts().insert(c);
+    } catch (...) {
+      delete c;
+      throw;
+    }
     *ctx = c;
     return 0;
   });
 }
 
 int PKCS_DestroyCtx(PKCS_CTX ctx) {
-  if (kv::pki::ContextOp(ctx) == nullptr) return KV_ERR_BAD_CONTEXT;
+  {
+    std::lock_guard<std::mutex> lock(g_contextsLock);
+    if (ctx == nullptr || Contexts().erase(ctx) == 0) return KV_ERR_BAD_CONTEXT;
+  }
   ctx->op.destroyChooser();
   ctx->magic = 0;
   delete ctx;

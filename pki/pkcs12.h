@@ -19,7 +19,8 @@
 // Statuses (pki/errors.h): -1002 not a PFX / not DER, -1003 nothing usable in
 // the file (no key and no certificate), -1004 before PKCS_Initialize, -1005
 // null or destroyed context, -1006 a protection scheme we do not implement
-// (PBES2 with AES or SHA-2, public-key integrity), -1010 a null or empty
+// (PBES2 with AES or SHA-2, public-key integrity, more than 1,000,000
+// iterations), -1010 a null or empty
 // argument, or a password that is not UTF-8, -1013 a bag that does not
 // decrypt, -1014 the MAC does not verify (wrong password), -1015 encoding
 // failed, -1031 memory; token statuses pass through.

@@ -18,6 +18,9 @@ using namespace kv::pki::p12;
 // Nested SafeContents bags deeper than this are refused: a file cannot make
 // the reader recurse without end.
 constexpr int kMaxNesting = 8;
+// Writers use 1 to a few hundred thousand rounds; a file asking for more would
+// hold the reader for minutes, so it is refused as outside what we support.
+constexpr int kMaxIterations = 1000000;
 
 std::string OidText(const AsnOid* oid) {
   if (oid == nullptr) return std::string();
@@ -48,6 +51,8 @@ class Reader {
   int Run(const MiByte& der, const char* password, std::string& integrity) {
     PFX pfx;
     DecodeAll(pfx, der);
+    // The decoder reads by position; the version pins the structure down.
+    if (pfx.GetVersion() == nullptr || pfx.GetVersion()->Int32Value() != 3) return KV_ERR_DECODE;
     const ContentInfo* auth = pfx.GetAuthSafe();
     if (auth == nullptr) return KV_ERR_MISSING_FIELD;
     // Public-key integrity mode (signedData) needs the signer's key; not ours.
@@ -80,6 +85,7 @@ class Reader {
     int iterations = 1;
     if (const AsnInteger* it = md.GetIterations()) iterations = it->Int32Value();
     if (iterations < 1) return KV_ERR_DECODE;
+    if (iterations > kMaxIterations) return KV_ERR_UNSUPPORTED;
     const MiByte& salt = md.GetMacSalt()->GetData();
     const MiByte& expected = di->GetDigest()->GetData();
     int rv = MacMatches(password_, salt, iterations, data, expected);
@@ -124,6 +130,7 @@ class Reader {
       return KV_ERR_MISSING_FIELD;
     int iterations = params.GetIterations()->Int32Value();
     if (iterations < 1) return KV_ERR_DECODE;
+    if (iterations > kMaxIterations) return KV_ERR_UNSUPPORTED;
     protection = std::string(scheme->name) + ", " + std::to_string(iterations) + " iterations";
     return PbeCrypt(op_, *scheme, password_, params.GetSalt()->GetData(), iterations, false, in,
                     out);

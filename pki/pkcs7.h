@@ -108,9 +108,10 @@ int PKCS7_ReadSignedDataMsg(PKCS_CTX ctx, const unsigned char* der, unsigned int
 int PKCS7_GetLeafCert(PKCS_CTX ctx, const KV_LIST* certs, unsigned char* out, unsigned int* outLen);
 
 /* Verifies every signer of a signedData. content (may be null) is the
- * detached content; signerCert (may be null) is the certificate to verify
- * with, else the signer's certificate is looked up among those carried by its
- * issuer and serial number (-1011 when absent). On success the signed content
+ * detached content. Each signer's certificate is looked up by its issuer and
+ * serial number: signerCert (may be null) when it is the one, else among
+ * those carried (-1011 when absent); a signerCert that names no signer gives
+ * -1011 too. On success the signed content
  * is handed out when out is not null. -1009 bad signature, -1018 message
  * digest attribute mismatch, -1011 no signer. */
 int PKCS7_VerifySignedDataMsg(PKCS_CTX ctx, const unsigned char* der, unsigned int len,
@@ -204,12 +205,20 @@ class KV_PKCS7_SignedData {
   // The carried certificate of signer i: -1011 when not carried.
   int signerCertificate(unsigned i, MiByte& cert) const;
   // Verifies signer i, or every signer (at least one is needed: -1011). A
-  // null detachedContent uses the embedded content; a null cert looks the
-  // signer's certificate up among those carried.
+  // null detachedContent uses the embedded content. A signer's certificate is
+  // cert when cert names it, else the carried one; a cert that names no
+  // signer gives -1011.
   int verifySigner(KV_P11_OP& op, unsigned i, const MiByte* detachedContent,
                    const MiByte* cert) const;
   int verify(KV_P11_OP& op, const MiByte* detachedContent = nullptr,
              const MiByte* cert = nullptr) const;
+  // Checks that every signer's certificate chains to one of trusted through
+  // the carried certificates and trusted, each certificate signed (SHA-1,
+  // MD5 or MD2 with RSA) by the next: -1022 no chain, -1009 a certificate
+  // signature that does not hold, -1006 another signature algorithm. The
+  // signatures of the message itself are checked by verify.
+  int verifyChain(KV_P11_OP& op, const std::vector<MiByte>& trusted,
+                  const MiByte* cert = nullptr) const;
 
  private:
   struct PendingSigner {

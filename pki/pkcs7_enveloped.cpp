@@ -266,14 +266,10 @@ int KV_PKCS7_SignedAndEnvelopedData::open(KV_P11_OP& op, const MiByte& certDer, 
     DigestUnwrap unwrap = [&](const MiByte& stored, MiByte& sig) {
       return DecryptContent(op, c, cek, iv, stored, sig);
     };
-    std::vector<const SignerInfo*> signers = SignerList(sed.GetSignerInfos());
-    if (signers.empty()) return KV_ERR_NOT_FOUND;
-    for (const SignerInfo* si : signers) {
-      rv = CheckSignerInfo(op, *si, certs_, signerCert, plain, *eci.GetContentType(), &unwrap);
-      if (rv != 0) return rv;
-    }
-    content = plain;
-    return 0;
+    rv = CheckSigners(op, SignerList(sed.GetSignerInfos()), certs_, signerCert, plain,
+                      *eci.GetContentType(), &unwrap);
+    if (rv == 0) content = plain;
+    return rv;
   });
 }
 

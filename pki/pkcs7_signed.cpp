@@ -7,11 +7,11 @@
 
 namespace kv::pkcs7 {
 
-namespace {
-
 const char kOidSha1Rsa[] = "1.2.840.113549.1.1.5";
 const char kOidMd5Rsa[] = "1.2.840.113549.1.1.4";
 const char kOidMd2Rsa[] = "1.2.840.113549.1.1.2";
+
+namespace {
 
 PKCS7Attribute MakeAttribute(const char* oid, const AsnObject& value) {
   PKCS7Attribute a;
@@ -73,7 +73,7 @@ int MakeSignerInfo(KV_P11_OP& op, const KV_PKCS7_Signer& signer, const Certifica
 
 int CheckSignerInfo(KV_P11_OP& op, const SignerInfo& info, const std::vector<MiByte>& carried,
                     const MiByte* certDer, const MiByte& octets, const AsnOid& contentType,
-                    const DigestUnwrap* unwrap) {
+                    const DigestUnwrap* unwrap, bool* usedCert) {
   const IssuerAndSerialNumber* id = info.GetIssuerAndSerialNumber();
   if (!id || !info.GetDigestAlgorithm() || !info.GetEncryptedDigest()) return KV_ERR_MISSING_FIELD;
   Certificate cert;
@@ -82,7 +82,9 @@ int CheckSignerInfo(KV_P11_OP& op, const SignerInfo& info, const std::vector<MiB
     int rv = ParseCertificate(*certDer, cert);
     if (rv != 0) return rv;
     found = Identifies(*id, cert);
-  } else {
+    if (usedCert) *usedCert = found;
+  }
+  if (!found) {
     for (const MiByte& c : carried) {
       if (ParseCertificate(c, cert) == 0 && Identifies(*id, cert)) {
         found = true;
@@ -145,6 +147,20 @@ int CheckSignerInfo(KV_P11_OP& op, const SignerInfo& info, const std::vector<MiB
     if (rv != 0) return rv == KV_ERR_DECRYPT ? KV_ERR_SIGNATURE : rv;
   }
   return VerifyDigest(op, pub, kind, covered, sig);
+}
+
+int CheckSigners(KV_P11_OP& op, const std::vector<const SignerInfo*>& signers,
+                 const std::vector<MiByte>& carried, const MiByte* cert, const MiByte& octets,
+                 const AsnOid& contentType, const DigestUnwrap* unwrap) {
+  if (signers.empty()) return KV_ERR_NOT_FOUND;
+  bool certUsed = false;
+  for (const SignerInfo* si : signers) {
+    bool used = false;
+    int rv = CheckSignerInfo(op, *si, carried, cert, octets, contentType, unwrap, &used);
+    if (rv != 0) return rv;
+    certUsed = certUsed || used;
+  }
+  return cert && !certUsed ? KV_ERR_NOT_FOUND : 0;
 }
 
 std::vector<const SignerInfo*> SignerList(const SignerInfos* infos) {
@@ -358,13 +374,117 @@ int KV_PKCS7_SignedData::verifySigner(KV_P11_OP& op, unsigned i, const MiByte* d
 
 int KV_PKCS7_SignedData::verify(KV_P11_OP& op, const MiByte* detachedContent,
                                 const MiByte* cert) const {
-  const unsigned n = signerCount();
-  if (n == 0) return decoded_.Empty() ? KV_ERR_NOTHING_HELD : KV_ERR_NOT_FOUND;
-  for (unsigned i = 0; i < n; ++i) {
-    int rv = verifySigner(op, i, detachedContent, cert);
+  return kv::pki::Guard([&]() -> int {
+    SignedData sd;
+    int rv = DecodeSignedData(decoded_, sd);
     if (rv != 0) return rv;
+    if (detached_ && !detachedContent) return KV_ERR_ARGUMENT;
+    const MiByte& octets = detachedContent ? *detachedContent : content_;
+    return CheckSigners(op, SignerList(sd.GetSignerInfos()), certs_, cert, octets,
+                        *sd.GetContentInfo()->GetContentType(), nullptr);
+  });
+}
+
+namespace {
+
+// The first element of an encoding's contents (a certificate's
+// TBSCertificate as sent).
+MiByte FirstElement(const MiByte& der) {
+  MiByte contents = ContentsOctets(der);
+  const unsigned char* p = contents.GetBytes();
+  const unsigned n = contents.GetLength();
+  if (n < 2) throw AsnDecodeExp();
+  unsigned header = 2, len = p[1];
+  if (len & 0x80) {
+    const unsigned k = len & 0x7f;
+    if (k > 4 || 2 + k > n) throw AsnDecodeExp();
+    len = 0;
+    for (unsigned i = 0; i < k; ++i) len = (len << 8) | p[2 + i];
+    header += k;
   }
+  if (len > n - header) throw AsnDecodeExp();
+  return MiByte(contents.GetChars(), 0, header + len);
+}
+
+int CertificateDigestKind(const Certificate& cert) {
+  const AlgorithmIdentifier* alg = cert.GetAlgorithmIdentifier();
+  if (!alg || !alg->GetAlgorithm()) return 0;
+  const MiString& oid = alg->GetAlgorithm()->GetData();
+  if (oid.Equals(MiString(kOidSha1Rsa))) return KV_ALG_SHA1;
+  if (oid.Equals(MiString(kOidMd5Rsa))) return KV_ALG_MD5;
+  if (oid.Equals(MiString(kOidMd2Rsa))) return KV_ALG_MD2;
   return 0;
+}
+
+// Whether issuer's key made the signature of cert (certDer its octets).
+int CheckIssuedBy(KV_P11_OP& op, const MiByte& certDer, const Certificate& cert,
+                  const Certificate& issuer) {
+  const int kind = CertificateDigestKind(cert);
+  if (kind == 0) return KV_ERR_UNSUPPORTED;
+  if (!cert.GetEncrypted()) return KV_ERR_MISSING_FIELD;
+  MiByte md;
+  int rv = Digest(op, kind, FirstElement(certDer), md);
+  KV_P11_Key pub;
+  if (rv == 0) rv = PublicKeyOf(issuer, pub);
+  if (rv != 0) return rv;
+  return VerifyDigest(op, pub, kind, md, cert.GetEncrypted()->GetData().GetByte());
+}
+
+bool Contains(const std::vector<MiByte>& list, const MiByte& item) {
+  return std::find(list.begin(), list.end(), item) != list.end();
+}
+
+}  // namespace
+
+int KV_PKCS7_SignedData::verifyChain(KV_P11_OP& op, const std::vector<MiByte>& trusted,
+                                     const MiByte* cert) const {
+  return kv::pki::Guard([&]() -> int {
+    SignedData sd;
+    int rv = DecodeSignedData(decoded_, sd);
+    if (rv != 0) return rv;
+    std::vector<const SignerInfo*> signers = SignerList(sd.GetSignerInfos());
+    if (signers.empty()) return KV_ERR_NOT_FOUND;
+    std::vector<MiByte> pool = certs_;
+    pool.insert(pool.end(), trusted.begin(), trusted.end());
+    for (const SignerInfo* si : signers) {
+      const IssuerAndSerialNumber* id = si->GetIssuerAndSerialNumber();
+      if (!id) return KV_ERR_MISSING_FIELD;
+      MiByte current;
+      Certificate c;
+      if (cert && ParseCertificate(*cert, c) == 0 && Identifies(*id, c)) current = *cert;
+      for (const MiByte& der : certs_)
+        if (current.Empty() && ParseCertificate(der, c) == 0 && Identifies(*id, c)) current = der;
+      if (current.Empty()) return KV_ERR_NOT_FOUND;
+      // Up the chain until a trusted certificate; a chain longer than the
+      // pool has a loop.
+      bool anchored = false;
+      for (size_t depth = 0; depth <= pool.size() && !anchored; ++depth) {
+        if (Contains(trusted, current)) {
+          anchored = true;
+          break;
+        }
+        Certificate cur;
+        rv = ParseCertificate(current, cur);
+        if (rv != 0) return rv;
+        const MiByte issuerName = Der(*cur.GetTBSCertificate()->GetIssuer());
+        const MiByte* next = nullptr;
+        Certificate issuer;
+        for (const MiByte& der : pool) {
+          if (der == current || ParseCertificate(der, issuer) != 0) continue;
+          if (Der(*issuer.GetTBSCertificate()->GetSubject()) == issuerName) {
+            next = &der;
+            break;
+          }
+        }
+        if (!next) return KV_ERR_CHAIN;
+        rv = CheckIssuedBy(op, current, cur, issuer);
+        if (rv != 0) return rv;
+        current = *next;
+      }
+      if (!anchored) return KV_ERR_CHAIN;
+    }
+    return 0;
+  });
 }
 
 // ---- flat functions -------------------------------------------------------

@@ -472,8 +472,10 @@ AlgorithmIdentifier CipherAlgorithm(const Cipher& c, const MiByte& iv) {
       break;
     }
     default:
+      // RC4 has no IV; the parameter is the empty IV other toolkits write
+      // and expect (NULL or nothing is accepted when reading).
       alg.SetAlgorithm(AsnOid(kOidRc4));
-      alg.SetParameters(AsnAny(AsnNull()));
+      alg.SetParameters(AsnAny(AsnOctetString()));
       break;
   }
   return alg;
@@ -548,7 +550,9 @@ int EncryptContent(KV_P11_OP& op, const Cipher& c, const MiByte& key, const MiBy
   MiByte text(in);
   if (c.kind != KV_ALG_RC4) {
     const unsigned pad = 8 - in.GetLength() % 8;
-    text.SetLength(in.GetLength() + pad, static_cast<unsigned char>(pad));
+    text.SetLength(in.GetLength() + pad);
+    for (unsigned i = in.GetLength(); i < text.GetLength(); ++i)
+      text.SetCharAt(i, static_cast<unsigned char>(pad));
   }
   rv = op.Encrypt(alg, k, text, out);
   if (rv != 0) return rv;

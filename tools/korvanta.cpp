@@ -12,6 +12,12 @@
 #include <vector>
 
 #include "asn1/asn1.h"
+#include "cmd_control.h"
+#include "cmd_req.h"
+#include "cmd_verify.h"
+#include "cmd_pkcs7.h"
+#include "cmd_pkcs12.h"
+#include "cmd_portable.h"
 #include "input.h"
 #include "recognise.h"
 
@@ -27,6 +33,13 @@ const char kMainHelp[] =
     "           message, PFX file, RSA key or any catalogue structure\n"
     "  base64   encode or decode Base64\n"
     "  types    list the catalogue classes that 'dump --type' accepts\n"
+    "  req      make an RSA key and a PKCS#10 request, or check a request\n"
+    "  verify   check a certificate's chain up to a trusted certificate\n"
+    "  pkcs7    list, verify, sign, encrypt and decrypt PKCS#7 messages\n"
+    "  pkcs12   build a PFX file from a key and certificates, or list one's bags\n"
+    "  stores   list the certificates of the user's MY, CA and ROOT stores\n"
+    "  containers  list the user's key containers and their keys\n"
+    "  control  drive an enrolment control object (calls as arguments or JSON lines)\n"
     "  help     show help for a verb ('korvanta help dump')\n"
     "\n"
     "Every verb takes --help. Exit status: 0 success, 1 bad input, 2 bad usage.\n";
@@ -231,6 +244,14 @@ int Run(int argc, char** argv) {
       std::cout << kBase64Help;
     } else if (args[0] == "types") {
       std::cout << kTypesHelp;
+    } else if (args[0] == "req" || args[0] == "verify") {
+      return args[0] == "req" ? CmdReq({"--help"}) : CmdVerify({"--help"});
+    } else if (args[0] == "control") {
+      return CmdControl({"--help"});
+    } else if (args[0] == "stores") {
+      std::cout << kvtool::kStoresHelp;
+    } else if (args[0] == "containers") {
+      std::cout << kvtool::kContainersHelp;
     } else {
       return Usage("no verb named \"" + args[0] + "\"", kMainHelp);
     }
@@ -239,6 +260,13 @@ int Run(int argc, char** argv) {
   if (verb == "dump") return Dump(args);
   if (verb == "base64") return Base64(args);
   if (verb == "types") return Types(args);
+  if (verb == "req") return CmdReq(args);
+  if (verb == "verify") return CmdVerify(args);
+  if (verb == "pkcs7") return CmdPkcs7(args);
+  if (verb == "control") return CmdControl(args);
+  if (verb == "pkcs12") return CmdPkcs12(args);
+  if (verb == "stores") return kvtool::StoresCommand(args);
+  if (verb == "containers") return kvtool::ContainersCommand(args);
   return Usage("no verb named \"" + verb + "\"", kMainHelp);
 }
 

@@ -25,7 +25,6 @@ const char kPlaceholder[] = "\xCB\xE6\xB1\xE3";
 
 // A soft-token session for one step.
 int OpenSoftToken(KV_P11_OP* op) {
-  KV_P11_LoadModule(kPlaceholder, kPlaceholder, nullptr);
   KV_PKCS11_S chooser{};
   chooser.selector = KV_P11_STORE_SOFT;
   chooser.label = reinterpret_cast<unsigned char*>(const_cast<char*>(kPlaceholder));
@@ -91,6 +90,9 @@ void PrivateKey::Free() {
 }
 
 int MacOf(const std::string& text, const std::string& key, std::string* base64) {
+  // The token layer is initialised with the placeholder module, which is
+  // not found; the MAC runs on the soft token.
+  KV_P11_LoadModule(kPlaceholder, kPlaceholder, nullptr);
   KV_P11_OP op;
   if (OpenSoftToken(&op) != 0) return kMacDigest;
   // Scratch blocks are zeroed before use.

@@ -54,20 +54,6 @@ bool EqualsIgnoreCase(const char* a, const char* b) {
   return *a == *b;
 }
 
-// Runs a call body; no exception leaves the platform.
-template <class F>
-bool Guard(F&& body) {
-  try {
-    return body();
-  } catch (const std::bad_alloc&) {
-    return Fail(KV_NTE_NO_MEMORY);
-  } catch (const MiException&) {
-    return Fail(KV_NTE_FAIL);
-  } catch (const std::exception&) {
-    return Fail(KV_NTE_FAIL);
-  }
-}
-
 // The size protocol of the export calls: a null buffer asks for the size, a
 // short one gets ERROR_MORE_DATA and the size.
 bool CopyOut(const Bytes& value, uint8_t* out, uint32_t* len) {
@@ -94,6 +80,16 @@ std::string DefaultDataDirectory() {
 }
 
 }  // namespace
+
+namespace portable {
+
+bool IsSoftwareProvider(const std::string& name) {
+  for (const ProviderInfo& p : kProviders)
+    if (p.rsa && EqualsIgnoreCase(p.name, name.c_str())) return true;
+  return false;
+}
+
+}  // namespace portable
 
 PortablePlatform::PortablePlatform(PortableConfig config)
     : dataDir_(config.dataDirectory.empty() ? DefaultDataDirectory() : config.dataDirectory),
@@ -387,7 +383,7 @@ bool PortablePlatform::SetKeyParam(KeyHandle key, uint32_t param, const uint8_t*
       same = folder.Save(rec);
     }
     rec.Wipe();
-    return same ? true : Fail(slot.present ? KV_NTE_FAIL : KV_NTE_NO_KEY);
+    return same ? true : Fail(slot.present ? KV_NTE_BAD_KEY : KV_NTE_NO_KEY);
   });
 }
 

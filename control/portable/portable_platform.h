@@ -20,6 +20,10 @@
 
 namespace kv::control {
 
+namespace portable {
+struct RsaKey;
+}
+
 // One certificate the user may sign with.
 struct SigningCandidate {
   Bytes certificate;       // DER
@@ -104,15 +108,6 @@ class PortablePlatform : public Platform {
   // Every container of the user, sorted by name; unreadable files are skipped.
   std::vector<ContainerSummary> ListContainers();
 
-  // The second half of PFXImportCertStore, for callers that already hold the
-  // decoded contents: the private key (PKCS#1 RSAPrivateKey DER) goes into a
-  // new GUID-named container, exportable when flags has CRYPT_EXPORTABLE; the
-  // certificates (leaf first or anywhere: the one whose public key matches
-  // the private key is the leaf) into a memory store, the leaf carrying key
-  // provider information that names the container.
-  bool ImportKeyAndCertificates(const Bytes& rsaPrivateKeyDer, const std::vector<Bytes>& certs,
-                                uint32_t flags, StoreHandle* store);
-
   uint32_t GetLastError() override;
 
   bool EnumProviders(uint32_t index, uint32_t* provType, char* name, uint32_t* nameLen) override;
@@ -175,6 +170,13 @@ class PortablePlatform : public Platform {
   struct State;  // handle tables (internal)
 
  private:
+  // The key (none when key is null) into a new GUID-named container,
+  // exportable when flags has CRYPT_EXPORTABLE; the certificates into a
+  // memory store in the order given, the one of that key carrying key
+  // provider information naming the container.
+  bool ImportIntoMemoryStore(const portable::RsaKey* key, const std::vector<Bytes>& certs,
+                             uint32_t flags, StoreHandle* store);
+
   std::string dataDir_;
   std::string homeDir_;
   std::string codePage_;

@@ -17,6 +17,9 @@
 #include "control/portable/internal/state.h"
 #include "crypto/sha1.h"
 #include "pki/base64.h"
+#include "pki/errors.h"
+#include "pki/flat.h"
+#include "pki/pkcs12.h"
 
 namespace kv::control {
 
@@ -25,19 +28,6 @@ using namespace portable;
 namespace {
 
 const size_t kMaxCertificateFile = 1 << 20;
-
-template <class F>
-bool Guard(F&& body) {
-  try {
-    return body();
-  } catch (const std::bad_alloc&) {
-    return Fail(KV_NTE_NO_MEMORY);
-  } catch (const MiException&) {
-    return Fail(KV_NTE_FAIL);
-  } catch (const std::exception&) {
-    return Fail(KV_NTE_FAIL);
-  }
-}
 
 // "MY", "CA" or "ROOT" in any case, as the folder name; empty otherwise.
 std::string StoreName(const char* name) {
@@ -210,6 +200,11 @@ bool AddToStore(PortablePlatform::State& st, StoreHandle storeHandle, const Byte
   if (existing) {
     if (disposition == 1) return Fail(KV_CRYPT_E_EXISTS);
     if (disposition == KV_CERT_STORE_ADD_USE_EXISTING) {
+      // Removed from the folder through another handle: put it back.
+      if (!store->folder.empty() && !IsRegularFile(DerPath(*store, *existing)) &&
+          !WriteEntry(*store, *existing)) {
+        return Fail(KV_NTE_FAIL);
+      }
       if (added) *added = NewContext(st, existing);
       return true;
     }
@@ -408,27 +403,17 @@ bool PortablePlatform::DeleteCertificateFromStore(CertHandle cert) {
 
 // ---- PFX import ----
 
-bool PortablePlatform::ImportKeyAndCertificates(const Bytes& rsaPrivateKeyDer,
-                                                const std::vector<Bytes>& certs, uint32_t flags,
-                                                StoreHandle* store) {
-  return Guard([&] {
-    if (!store) return Fail(KV_ERROR_INVALID_PARAMETER);
-    *store = 0;
-    RsaKey key;
-    if (!DecodeRsaPrivateKey(rsaPrivateKeyDer.data(), rsaPrivateKeyDer.size(), &key))
-      return Fail(KV_NTE_BAD_DATA);
-    struct WipeKey {
-      RsaKey& k;
-      ~WipeKey() { k.Wipe(); }
-    } wipe{key};
-    std::vector<ParsedCertificate> parsed(certs.size());
-    for (size_t i = 0; i < certs.size(); ++i)
-      if (!ParseCertificate(certs[i].data(), certs[i].size(), &parsed[i]))
-        return Fail(KV_CRYPT_E_ASN1_BADTAG);
+bool PortablePlatform::ImportIntoMemoryStore(const RsaKey* key, const std::vector<Bytes>& certs,
+                                             uint32_t flags, StoreHandle* store) {
+  std::vector<ParsedCertificate> parsed(certs.size());
+  for (size_t i = 0; i < certs.size(); ++i)
+    if (!ParseCertificate(certs[i].data(), certs[i].size(), &parsed[i]))
+      return Fail(KV_CRYPT_E_ASN1_BADTAG);
 
-    std::lock_guard<std::recursive_mutex> lock(state_->mutex);
+  std::lock_guard<std::recursive_mutex> lock(state_->mutex);
+  ContainerRecord rec;
+  if (key) {
     ContainerFolder folder(dataDir_);
-    ContainerRecord rec;
     do {
       Guid g;
       if (!CoCreateGuid(&g)) return false;
@@ -440,38 +425,136 @@ bool PortablePlatform::ImportKeyAndCertificates(const Bytes& rsaPrivateKeyDer,
     } while (folder.Exists(rec.name));
     rec.exchange.present = true;
     rec.exchange.exportable = (flags & KV_CRYPT_EXPORTABLE) != 0;
-    rec.exchange.key = key;
+    rec.exchange.key = *key;
     bool saved = folder.Save(rec);
     rec.Wipe();
     if (!saved) return Fail(KV_NTE_FAIL);
+  }
 
-    OpenView(*state_, dataDir_, std::string(), store);
-    for (size_t i = 0; i < certs.size(); ++i) {
-      PropertyRecord props;
-      RsaKey certKey;
-      if (DecodeRsaSpki(parsed[i].spki.data(), parsed[i].spki.size(), &certKey) &&
-          certKey.n == key.n && certKey.e == key.e) {
-        props.hasKeyProvInfo = true;
-        props.keyProvInfo.containerName.assign(rec.name.begin(), rec.name.end());
-        const char* provider = "Microsoft Enhanced Cryptographic Provider v1.0";
-        props.keyProvInfo.providerName.assign(provider, provider + std::strlen(provider));
-        props.keyProvInfo.provType = KV_PROV_RSA_FULL;
-        props.keyProvInfo.keySpec = KV_AT_KEYEXCHANGE;
-      }
-      if (!AddToStore(*state_, *store, certs[i], &props, KV_CERT_STORE_ADD_REPLACE_EXISTING,
-                      nullptr)) {
-        return false;
-      }
+  OpenView(*state_, dataDir_, std::string(), store);
+  for (size_t i = 0; i < certs.size(); ++i) {
+    PropertyRecord props;
+    RsaKey certKey;
+    if (key && DecodeRsaSpki(parsed[i].spki.data(), parsed[i].spki.size(), &certKey) &&
+        certKey.n == key->n && certKey.e == key->e) {
+      props.hasKeyProvInfo = true;
+      props.keyProvInfo.containerName.assign(rec.name.begin(), rec.name.end());
+      const char* provider = "Microsoft Enhanced Cryptographic Provider v1.0";
+      props.keyProvInfo.providerName.assign(provider, provider + std::strlen(provider));
+      props.keyProvInfo.provType = KV_PROV_RSA_FULL;
+      props.keyProvInfo.keySpec = KV_AT_KEYEXCHANGE;
     }
-    return true;
-  });
+    if (!AddToStore(*state_, *store, certs[i], &props, KV_CERT_STORE_ADD_REPLACE_EXISTING,
+                    nullptr)) {
+      CloseStore(*store);
+      *store = 0;
+      return false;
+    }
+  }
+  return true;
 }
 
-bool PortablePlatform::PFXImportCertStore(const uint8_t*, uint32_t, const char16_t*, uint32_t,
+namespace {
+
+// The password as the PKCS#12 reader takes it: UTF-8.
+bool PasswordUtf8(const char16_t* pw, std::string* out) {
+  out->clear();
+  for (const char16_t* p = pw; p && *p; ++p) {
+    uint32_t c = *p;
+    if (c >= 0xD800 && c <= 0xDBFF && p[1] >= 0xDC00 && p[1] <= 0xDFFF) {
+      c = 0x10000 + ((c - 0xD800) << 10) + (p[1] - 0xDC00);
+      ++p;
+    } else if (c >= 0xD800 && c <= 0xDFFF) {
+      return false;
+    }
+    if (c < 0x80) {
+      out->push_back(static_cast<char>(c));
+    } else if (c < 0x800) {
+      out->push_back(static_cast<char>(0xC0 | c >> 6));
+      out->push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    } else if (c < 0x10000) {
+      out->push_back(static_cast<char>(0xE0 | c >> 12));
+      out->push_back(static_cast<char>(0x80 | (c >> 6 & 0x3F)));
+      out->push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    } else {
+      out->push_back(static_cast<char>(0xF0 | c >> 18));
+      out->push_back(static_cast<char>(0x80 | (c >> 12 & 0x3F)));
+      out->push_back(static_cast<char>(0x80 | (c >> 6 & 0x3F)));
+      out->push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    }
+  }
+  return true;
+}
+
+Bytes Trimmed(const unsigned char* p, unsigned n) {
+  while (n > 0 && *p == 0) {
+    ++p;
+    --n;
+  }
+  return Bytes(p, p + n);
+}
+
+// The library, a context and the file's contents, released in turn.
+struct PfxSession {
+  bool initialized = false;
+  PKCS_CTX ctx = nullptr;
+  KV_PFX_CONTENTS contents;
+  PfxSession() { KV_InitPFXContents(&contents); }
+  ~PfxSession() {
+    KV_FreePFXContents(&contents);
+    if (ctx) PKCS_DestroyCtx(ctx);
+    if (initialized) PKCS_Finalize();
+  }
+};
+
+}  // namespace
+
+bool PortablePlatform::PFXImportCertStore(const uint8_t* pfx, uint32_t len,
+                                          const char16_t* password, uint32_t flags,
                                           StoreHandle* store) {
-  // Needs the PKCS#12 reader; until it is there the call is refused.
-  if (store) *store = 0;
-  return Fail(KV_ERROR_CALL_NOT_IMPLEMENTED);
+  return Guard([&] {
+    if (!store || !pfx || len == 0) return Fail(KV_ERROR_INVALID_PARAMETER);
+    *store = 0;
+    std::string pw;
+    if (!PasswordUtf8(password, &pw)) return Fail(KV_ERROR_INVALID_PASSWORD);
+    PfxSession s;
+    if (PKCS_Initialize() != 0) return Fail(KV_NTE_FAIL);
+    s.initialized = true;
+    if (PKCS_CreateCtx(&s.ctx) != 0) return Fail(KV_NTE_FAIL);
+    int rc = KV_ParsePFX(s.ctx, pfx, len, pw.c_str(), &s.contents);
+    if (rc == KV_ERR_MAC) return Fail(KV_ERROR_INVALID_PASSWORD);
+    if (rc == KV_ERR_MEMORY) return Fail(KV_NTE_NO_MEMORY);
+    if (rc != 0) return Fail(KV_NTE_BAD_DATA);
+
+    std::vector<Bytes> certs;
+    if (s.contents.certLen)
+      certs.emplace_back(s.contents.cert, s.contents.cert + s.contents.certLen);
+    unsigned count = 0;
+    if (s.contents.others) KV_ListCount(s.contents.others, &count);
+    for (unsigned i = 0; i < count; ++i) {
+      const unsigned char* data = nullptr;
+      unsigned n = 0;
+      if (KV_ListGet(s.contents.others, i, &data, &n) == 0) certs.emplace_back(data, data + n);
+    }
+    RsaKey key;
+    struct WipeKey {
+      RsaKey& k;
+      ~WipeKey() { k.Wipe(); }
+    } wipe{key};
+    if (s.contents.hasKey) {
+      const PKCS_PRIKEY& r = s.contents.key;
+      key.n = Trimmed(r.modulus, r.modulusLen);
+      key.e = Trimmed(r.publicExponent, r.publicExponentLen);
+      key.d = Trimmed(r.privateExponent, r.privateExponentLen);
+      key.p = Trimmed(r.prime1, r.prime1Len);
+      key.q = Trimmed(r.prime2, r.prime2Len);
+      key.dp = Trimmed(r.exponent1, r.exponent1Len);
+      key.dq = Trimmed(r.exponent2, r.exponent2Len);
+      key.qinv = Trimmed(r.coefficient, r.coefficientLen);
+      if (!CheckPrivateKey(key)) return Fail(KV_NTE_BAD_DATA);
+    }
+    return ImportIntoMemoryStore(s.contents.hasKey ? &key : nullptr, certs, flags, store);
+  });
 }
 
 // ---- Signing chooser ----
@@ -525,8 +608,11 @@ SignedText PortablePlatform::ChooseAndSign(const std::string& text) {
       for (const auto& e : my.entries) {
         const PropertyRecord& p = e->properties;
         if (!p.hasKeyProvInfo) continue;
-        std::string container;
-        if (!ToNarrow(p.keyProvInfo.containerName, &container)) continue;
+        std::string container, provider;
+        if (!ToNarrow(p.keyProvInfo.containerName, &container) ||
+            !ToNarrow(p.keyProvInfo.providerName, &provider) || !IsSoftwareProvider(provider)) {
+          continue;
+        }
         ContainerRecord rec;
         if (!folder.Load(container, &rec)) continue;
         uint32_t spec = p.keyProvInfo.keySpec;

@@ -20,11 +20,18 @@ int MakeSignerInfo(KV_P11_OP& op, const KV_PKCS7_Signer& signer, const Certifica
 // (signedAndEnvelopedData encrypts it again under the content key).
 using DigestUnwrap = std::function<int(const MiByte& stored, MiByte& signature)>;
 
-// Checks one SignerInfo over octets. cert (may be null) is the certificate to
-// use, else one of carried is found by issuer and serial number.
+// Checks one SignerInfo over octets with the signer's certificate: cert when
+// it is the signer's (usedCert then set), else the one of carried that the
+// issuer and serial number name (-1011 when none).
 int CheckSignerInfo(KV_P11_OP& op, const SignerInfo& info, const std::vector<MiByte>& carried,
                     const MiByte* cert, const MiByte& octets, const AsnOid& contentType,
-                    const DigestUnwrap* unwrap);
+                    const DigestUnwrap* unwrap, bool* usedCert = nullptr);
+
+// Checks every signer; a given certificate must be the certificate of at
+// least one of them (-1011), and there must be a signer (-1011).
+int CheckSigners(KV_P11_OP& op, const std::vector<const SignerInfo*>& signers,
+                 const std::vector<MiByte>& carried, const MiByte* cert, const MiByte& octets,
+                 const AsnOid& contentType, const DigestUnwrap* unwrap);
 
 // The signer infos and certificates of either content type.
 std::vector<const SignerInfo*> SignerList(const SignerInfos* infos);

@@ -2,8 +2,10 @@
 // <data>/containers/, found by a file name made from the container name.
 #pragma once
 
+#include <new>
 #include <string>
 
+#include "asn1/mi_exception.h"
 #include "control/portable/internal/records.h"
 
 namespace kv::control::portable {
@@ -44,5 +46,22 @@ inline bool Fail(uint32_t code) {
   SetError(code);
   return false;
 }
+
+// Runs a call body; no exception leaves the platform.
+template <class F>
+bool Guard(F&& body) {
+  try {
+    return body();
+  } catch (const std::bad_alloc&) {
+    return Fail(KV_NTE_NO_MEMORY);
+  } catch (const MiException&) {
+    return Fail(KV_NTE_FAIL);
+  } catch (const std::exception&) {
+    return Fail(KV_NTE_FAIL);
+  }
+}
+
+// Whether a provider name (any case) is one of the software RSA providers.
+bool IsSoftwareProvider(const std::string& name);
 
 }  // namespace kv::control::portable

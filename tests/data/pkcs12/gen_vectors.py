@@ -69,3 +69,35 @@ with open(os.path.join(here, "hmac-sha1.txt"), "w") as f:
     for key, msg in rfc:
         f.write("KEY = %s\nMSG = %s\nMAC = %s\n\n" % (
             key.hex() or "-", msg.hex() or "-", hmac.new(key, msg, hashlib.sha1).hexdigest()))
+
+# What Python's cryptography reads from the vectors package's PFX files: the
+# certificates' friendly names (sorted; "-" for none), the key's type, and
+# whether a PBES2 scheme (which the reader refuses with -1006) protects a bag.
+from cryptography.hazmat.primitives.asymmetric import rsa  # noqa: E402
+from cryptography.hazmat.primitives.serialization import pkcs12  # noqa: E402
+
+vec = "/usr/lib/python3/dist-packages/cryptography_vectors/pkcs12"
+with open(os.path.join(here, "vectors-python.txt"), "w") as f:
+    f.write("# The cryptography_vectors pkcs12/ files as Python's cryptography reads them,\n")
+    f.write("# by gen_vectors.py. PASSWORD '-' means none. STATUS is ours: -1006 where a\n")
+    f.write("# bag is under PBES2.\n\n")
+    for name in sorted(os.listdir(vec)):
+        if not name.endswith(".p12") or name == "no-password.p12":
+            continue
+        data = open(os.path.join(vec, name), "rb").read()
+        for pw in (b"cryptography", b"password", None):
+            try:
+                p = pkcs12.load_pkcs12(data, pw)
+                break
+            except ValueError:
+                p = None
+        certs = ([p.cert] if p.cert else []) + list(p.additional_certs)
+        names = sorted(c.friendly_name.decode() if c.friendly_name else "-" for c in certs)
+        key = "none" if p.key is None else "rsa" if isinstance(p.key, rsa.RSAPrivateKey) else "other"
+        info = subprocess.run(["openssl", "pkcs12", "-legacy", "-info", "-noout", "-in",
+                               os.path.join(vec, name), "-passin",
+                               "pass:" + (pw or b"").decode()],
+                              capture_output=True, text=True).stderr
+        f.write("FILE = %s\nPASSWORD = %s\nCERTS = %d\nNAMES = %s\nKEY = %s\nSTATUS = %d\n\n" % (
+            name, pw.decode() if pw else "-", len(certs), ",".join(names).encode().hex(), key,
+            -1006 if "PBES2" in info else 0))
