@@ -544,8 +544,7 @@ class ModuleStore final : public Store {
     *found = false;
     if (!g.ok()) return kChooserFailed;
     CK_OBJECT_HANDLE h = 0;
-    int rc = FindLocked(ClassOf(cls), label, &h, found);
-    return rc;
+    return FindLocked(ClassOf(cls), label, &h, found);
   }
 
   int GetPublicKey(const std::string& label, Bytes* modulus, Bytes* exponent) override {

@@ -12,8 +12,7 @@
 namespace {
 
 bool Inside(const std::vector<unsigned char>& field, const uint8_t* data, size_t size) {
-  return field.empty() ||
-         std::search(data, data + size, field.begin(), field.end()) != data + size;
+  return field.empty() || std::search(data, data + size, field.begin(), field.end()) != data + size;
 }
 
 }  // namespace

@@ -238,6 +238,8 @@ typedef CK_FUNCTION_LIST_PTR* CK_FUNCTION_LIST_PTR_PTR;
 typedef CK_RV (*CK_C_GetFunctionList)(CK_FUNCTION_LIST_PTR_PTR ppFunctionList);
 
 // Every entry point of the standard, in the order of its function list.
+// (Kept out of the formatter, which splits pointer-to-function members.)
+// clang-format off
 struct CK_FUNCTION_LIST {
   CK_VERSION version;
   CK_RV (*C_Initialize)(CK_VOID_PTR pInitArgs);
@@ -384,6 +386,7 @@ struct CK_FUNCTION_LIST {
   CK_RV (*C_CancelFunction)(CK_SESSION_HANDLE hSession);
   CK_RV (*C_WaitForSlotEvent)(CK_FLAGS flags, CK_SLOT_ID_PTR pSlot, CK_VOID_PTR pReserved);
 };
+// clang-format on
 
 }  // extern "C"
 

@@ -140,6 +140,7 @@ TEST(Sessions, FailuresLeaveNothingOpenAndTheLastLoginLogsOut) {
   ModuleView v;
   DiagCapture diag;
   StorePtr a, b, c;
+  ASSERT_EQ(LoadToken(kOpsToken), 0);  // the module stays loaded through the failures
   EXPECT_EQ(KV_P11_LoadModule(kModule, kPinToken, "0000"), -9);
   EXPECT_EQ(kv::p11::OpenModuleStore(KV_P11_STORE_AUTO, kPinToken, "4321", &a), -9);
   EXPECT_EQ(a, nullptr);
