@@ -217,6 +217,11 @@ bool Win32Platform::OpenSystemStore(const char* name, StoreHandle* store) {
 }
 
 bool Win32Platform::CloseStore(StoreHandle store) {
+  // Windows writes a system store's changes through at once; Wine keeps
+  // deletions until a commit (adds it writes at once). The commit is a no-op
+  // where nothing is pending and refused by stores that have nothing to
+  // commit to (memory stores), which is fine either way.
+  CertControlStore(Store(store), 0, CERT_STORE_CTRL_COMMIT, nullptr);
   return CertCloseStore(Store(store), 0) ? true : Failed();
 }
 
