@@ -483,6 +483,11 @@ bool Win32Platform::ReadFile(const std::string& path, size_t maxLen, Bytes* data
   FileHandle f(CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                            OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
   if (f.get() == INVALID_HANDLE_VALUE) return Failed();
+  // Room for what the file holds, at most maxLen.
+  LARGE_INTEGER size{};
+  if (GetFileSizeEx(f.get(), &size) && static_cast<unsigned long long>(size.QuadPart) < maxLen) {
+    maxLen = static_cast<size_t>(size.QuadPart);
+  }
   data->assign(maxLen, 0);
   size_t done = 0;
   while (done < maxLen) {

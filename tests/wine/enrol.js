@@ -53,11 +53,15 @@ var steps = {
     expectRet("writeClientCert", k.writeClientCert(p7), 0);
     expectRet("writeClientCert again", k.writeClientCert(p7), 22038309);
   },
-  // The user signs a revocation request with the configured certificate.
+  // The user signs a revocation request and a KMC update request with the
+  // configured certificate.
   "revoke": function () {
     var k = control();
     writeText("revoke.xml", expectText("genEERevokeCertRequestData",
                                        k.genEERevokeCertRequestData()));
+    writeText("update.xml", expectText("genEEUpdateCertRequestData_Kmc",
+                                       k.genEEUpdateCertRequestData_Kmc(readText("pubkey.b64"),
+                                                                        "2048")));
   },
   // A request with a subject of the page's choosing; the key exportable, as
   // the software install copies it.
@@ -83,6 +87,19 @@ var steps = {
     var k = control();
     expectRet("writeKmcCert", k.writeKmcCert(readText("p7.b64"), readText("encprikey.b64"),
                                               readText("tempukek.b64")), 0);
+  },
+  // Key recovery: the same import into a new container.
+  "kmc-restore": function () {
+    var k = control();
+    expectRet("restoreKmcCert", k.restoreKmcCert(readText("p7.b64"), readText("encprikey.b64"),
+                                                  readText("tempukek.b64")), 0);
+  },
+  "kmc-pfx": function () {
+    var k = control();
+    writeText("pfx.b64", expectText("writeKmcCertToPFX",
+                                    k.writeKmcCertToPFX(readText("p7.b64"),
+                                                        readText("encprikey.b64"),
+                                                        readText("tempukek.b64"), "pfx-pass")));
   },
   // A KMC key of a size the import refuses: a script error, no ret.
   "kmc-refused": function () {

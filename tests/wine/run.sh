@@ -104,6 +104,19 @@ check_leaf() {
   printf '%s\n' "$out" | grep -qx "leaf OK" || fail "$1 in MY, key spec $2, exportable $3"
 }
 
+# OpenSSL opens pfx.b64 with the page's password and finds the key of the
+# certificate: check_pfx LEAF.der.
+check_pfx() {
+  base64 -d "$work/pfx.b64" >"$work/out.pfx"
+  openssl pkcs12 -in "$work/out.pfx" -passin pass:pfx-pass -nodes -out "$work/pfx.pem" \
+    2>/dev/null || openssl pkcs12 -legacy -in "$work/out.pfx" -passin pass:pfx-pass -nodes \
+    -out "$work/pfx.pem" 2>/dev/null || { fail "OpenSSL cannot read the PFX"; return; }
+  local cert_mod key_mod
+  cert_mod=$(openssl x509 -inform DER -in "$work/$1" -noout -modulus)
+  key_mod=$(openssl rsa -in "$work/pfx.pem" -noout -modulus 2>/dev/null) || true
+  [ -n "$key_mod" ] && [ "$cert_mod" = "$key_mod" ] || fail "the PFX key is not that of $1"
+}
+
 # OpenSSL checks the request in p10.b64 (the reference CA's library refuses
 # SHA-1 signatures on requests); the CA then certifies the request's key:
 # issue_for_request SUBJECT LEAF.der.
@@ -200,6 +213,8 @@ run_prefix() {
     if enrol revoke; then
       python3 "$refca" check-ds --message "$work/revoke.xml" || fail "the revocation's signature"
       grep -q "<type>EEREVOKECERT</type>" "$work/revoke.xml" || fail "revocation message type"
+      python3 "$refca" check-ds --message "$work/update.xml" || fail "the update's signature"
+      grep -q "<type>EEUPDATECERT</type>" "$work/update.xml" || fail "update message type"
     else
       fail "revoke"
     fi
@@ -262,14 +277,7 @@ run_prefix() {
     python3 "$refca" issue --pubkey "$work/pubkey.b64" --out "$work/p7.b64" --ca-dir "$ca" \
       --subject "CN=Korvanta PFX,C=CN" --leaf-out "$work/pfx-leaf.der"
     if enrol pfx-install; then
-      base64 -d "$work/pfx.b64" >"$work/out.pfx"
-      openssl pkcs12 -in "$work/out.pfx" -passin pass:pfx-pass -nodes -out "$work/pfx.pem" \
-        2>/dev/null || openssl pkcs12 -legacy -in "$work/out.pfx" -passin pass:pfx-pass -nodes \
-        -out "$work/pfx.pem" || fail "OpenSSL cannot read the PFX"
-      local cert_mod key_mod
-      cert_mod=$(openssl x509 -inform DER -in "$work/pfx-leaf.der" -noout -modulus)
-      key_mod=$(openssl rsa -in "$work/pfx.pem" -noout -modulus 2>/dev/null)
-      [ -n "$key_mod" ] && [ "$cert_mod" = "$key_mod" ] || fail "the PFX key is not the certificate's"
+      check_pfx pfx-leaf.der
     else
       fail "pfx-install"
     fi
@@ -284,6 +292,14 @@ run_prefix() {
     python3 "$refca" kmc --tempkey "$work/tempkey.b64" --bits 2048 --out-dir "$work" \
       --ca-dir "$ca"
     enrol kmc-install && check_leaf leaf.der 1 yes || fail "kmc-install"
+    # Recovery and PFX export with the same temporary key, each for a new
+    # KMC key.
+    python3 "$refca" kmc --tempkey "$work/tempkey.b64" --bits 1024 --out-dir "$work" \
+      --ca-dir "$ca"
+    enrol kmc-restore && check_leaf leaf.der 1 yes || fail "kmc-restore"
+    python3 "$refca" kmc --tempkey "$work/tempkey.b64" --bits 2048 --out-dir "$work" \
+      --ca-dir "$ca"
+    enrol kmc-pfx && check_pfx leaf.der || fail "kmc-pfx"
     python3 "$refca" kmc --tempkey "$work/tempkey.b64" --bits 1536 --out-dir "$work" \
       --ca-dir "$ca"
     enrol kmc-refused || fail "kmc-refused"

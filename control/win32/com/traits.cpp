@@ -20,7 +20,11 @@ ATOM RegisterWindowClass() {
     wc.hCursor = LoadCursor(nullptr, IDC_ARROW);
     wc.hbrBackground = reinterpret_cast<HBRUSH>(COLOR_WINDOW + 1);
     wc.lpszClassName = kWindowClass;
-    return RegisterClassExW(&wc);
+    ATOM registered = RegisterClassExW(&wc);
+    // A module loaded again in the same process finds its class there; the
+    // window procedure is the system's, so the old registration serves.
+    if (!registered && ::GetLastError() == ERROR_CLASS_ALREADY_EXISTS) registered = 1;
+    return registered;
   }();
   return atom;
 }
