@@ -4,6 +4,8 @@
 #include "control/korvanta_control.h"
 #include "control/platform.h"
 
-#ifndef _WIN32
+#ifdef _WIN32
+#include "control/win32/win32_platform.h"
+#else
 #include "control/portable/portable_platform.h"
 #endif

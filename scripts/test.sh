@@ -38,6 +38,9 @@ cmake -S . -B build-mingw -G Ninja -DCMAKE_BUILD_TYPE=Release \
   -DKV_BUILD_TESTS=OFF -DKV_BUILD_TOOLS=OFF -DKV_BUILD_BENCH=OFF
 cmake --build build-mingw -j "$jobs" --target korvanta
 
+step "korvanta.dll under Wine (registration, COM client, scripted enrolments)"
+KV_JOBS="$jobs" bash tests/wine/run.sh
+
 step "build (clang, ASan + UBSan)"
 cmake -S . -B build-san -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DCMAKE_CXX_COMPILER=clang++ -DKV_SANITIZE=ON -DKV_WERROR=ON \
