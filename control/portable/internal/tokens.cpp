@@ -401,7 +401,7 @@ uint32_t TokenSet::Delete(int token, const std::string& container) {
   KV_TOKEN_SESSION(s, token);
   auto objs = s.Labelled(container, 0, true);
   if (objs.empty()) return KV_NTE_BAD_KEYSET;
-  return s.DestroyAll(objs) ? 0 : KV_NTE_FAIL;
+  return s.DestroyAll(objs) ? 0u : uint32_t{KV_NTE_FAIL};
 }
 
 uint32_t TokenSet::GetKey(int token, const std::string& container, RsaKey* pub, Bytes* id) {
@@ -448,7 +448,7 @@ uint32_t TokenSet::Generate(int token, const std::string& container, unsigned bi
   CK_RV rv =
       s.F()->C_GenerateKeyPair(s.H(), &mech, pubT.data(), static_cast<CK_ULONG>(pubT.size()),
                                privT.data(), static_cast<CK_ULONG>(privT.size()), &hPub, &hPriv);
-  if (rv != CKR_OK) return rv == CKR_KEY_SIZE_RANGE ? KV_NTE_BAD_FLAGS : KV_NTE_FAIL;
+  if (rv != CKR_OK) return rv == CKR_KEY_SIZE_RANGE ? uint32_t{KV_NTE_BAD_FLAGS} : uint32_t{KV_NTE_FAIL};
   s.DestroyAll(old);
   s.DestroyAll(oldPub);
   s.DestroyAll(oldCert);
