@@ -73,8 +73,11 @@ bool WriteEntry(const StoreObject& store, const StoreEntry& e) {
   if (store.folder.empty()) return true;
   if (!MakePrivateDirs(store.folder)) return false;
   Bytes prop = EncodeProperties(e.properties);
-  return WriteAtomic(DerPath(store, e), e.der.data(), e.der.size()) &&
-         WriteAtomic(PropPath(store, e), prop.data(), prop.size());
+  // Properties first: a certificate file is what makes an entry, so a crash
+  // in between leaves only an unread properties file, never a certificate
+  // without its properties.
+  return WriteAtomic(PropPath(store, e), prop.data(), prop.size()) &&
+         WriteAtomic(DerPath(store, e), e.der.data(), e.der.size());
 }
 
 bool WriteProperties(const StoreEntry& e) {
