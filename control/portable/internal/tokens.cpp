@@ -448,7 +448,8 @@ uint32_t TokenSet::Generate(int token, const std::string& container, unsigned bi
   CK_RV rv =
       s.F()->C_GenerateKeyPair(s.H(), &mech, pubT.data(), static_cast<CK_ULONG>(pubT.size()),
                                privT.data(), static_cast<CK_ULONG>(privT.size()), &hPub, &hPriv);
-  if (rv != CKR_OK) return rv == CKR_KEY_SIZE_RANGE ? uint32_t{KV_NTE_BAD_FLAGS} : uint32_t{KV_NTE_FAIL};
+  if (rv != CKR_OK)
+    return rv == CKR_KEY_SIZE_RANGE ? uint32_t{KV_NTE_BAD_FLAGS} : uint32_t{KV_NTE_FAIL};
   s.DestroyAll(old);
   s.DestroyAll(oldPub);
   s.DestroyAll(oldCert);
