@@ -22,7 +22,9 @@ namespace kv::control {
 
 namespace portable {
 struct RsaKey;
-}
+struct ProviderContext;
+class TokenSet;
+}  // namespace portable
 
 // One certificate the user may sign with.
 struct SigningCandidate {
@@ -38,6 +40,13 @@ class SigningChooser {
   virtual ~SigningChooser() = default;
   // The index of the chosen candidate, or -1 when the user cancels.
   virtual int Choose(const std::vector<SigningCandidate>& candidates) = 0;
+  // The PIN of a token whose configuration gives none; false when the user
+  // cancels (the default).
+  virtual bool AskPin(const std::string& tokenLabel, std::string* pin) {
+    (void)tokenLabel;
+    (void)pin;
+    return false;
+  }
 };
 
 // A chooser that answers from a rule fixed in advance: the first candidate
@@ -63,6 +72,13 @@ class ScriptedChooser : public SigningChooser {
   std::vector<SigningCandidate> last_;
 };
 
+// A PKCS#11 module whose tokens become providers.
+struct TokenModule {
+  std::string path;        // the module's shared library
+  std::string tokenLabel;  // empty: every token of the module
+  std::string pin;         // empty: the chooser asks for it
+};
+
 struct PortableConfig {
   // Where containers and stores live; empty: $XDG_DATA_HOME/korvanta, else
   // $HOME/.local/share/korvanta.
@@ -73,6 +89,15 @@ struct PortableConfig {
   std::string codePage = "CP936";
   // Not owned; null means every signing request is cancelled.
   SigningChooser* chooser = nullptr;
+  // Token providers: these modules, then those of the per-user file, then
+  // p11-kit's registered modules.
+  std::vector<TokenModule> tokenModules;
+  // The per-user token file; empty: $XDG_CONFIG_HOME/korvanta/tokens.conf,
+  // else $HOME/.config/korvanta/tokens.conf.
+  std::string tokenConfigFile;
+  // Read p11-kit's module files (/usr/share/p11-kit/modules and
+  // $HOME/.config/pkcs11/modules).
+  bool p11KitModules = true;
 };
 
 // What `korvanta containers` shows of one container.
@@ -177,11 +202,17 @@ class PortablePlatform : public Platform {
   bool ImportIntoMemoryStore(const portable::RsaKey* key, const std::vector<Bytes>& certs,
                              uint32_t flags, StoreHandle* store);
 
+  bool AcquireTokenContext(ProvHandle* prov, int token, const char* container, uint32_t flags);
+  std::shared_ptr<portable::ProviderContext> TokenContext(ProvHandle prov);
+  bool TokenKey(const std::shared_ptr<portable::ProviderContext>& ctx, uint32_t keySpec,
+                unsigned bits, uint32_t flags, const uint8_t* blob, uint32_t len, KeyHandle* key);
+
   std::string dataDir_;
   std::string homeDir_;
   std::string codePage_;
   SigningChooser* chooser_;
   std::unique_ptr<State> state_;
+  std::unique_ptr<portable::TokenSet> tokens_;
 };
 
 }  // namespace kv::control

@@ -15,6 +15,7 @@
 #include "control/portable/internal/containers.h"
 #include "control/portable/internal/files.h"
 #include "control/portable/internal/state.h"
+#include "control/portable/internal/tokens.h"
 #include "crypto/sha1.h"
 #include "pki/base64.h"
 #include "pki/errors.h"
@@ -72,8 +73,11 @@ bool WriteEntry(const StoreObject& store, const StoreEntry& e) {
   if (store.folder.empty()) return true;
   if (!MakePrivateDirs(store.folder)) return false;
   Bytes prop = EncodeProperties(e.properties);
-  return WriteAtomic(DerPath(store, e), e.der.data(), e.der.size()) &&
-         WriteAtomic(PropPath(store, e), prop.data(), prop.size());
+  // Properties first: a certificate file is what makes an entry, so a crash
+  // in between leaves only an unread properties file, never a certificate
+  // without its properties.
+  return WriteAtomic(PropPath(store, e), prop.data(), prop.size()) &&
+         WriteAtomic(DerPath(store, e), e.der.data(), e.der.size());
 }
 
 bool WriteProperties(const StoreEntry& e) {
@@ -626,13 +630,37 @@ SignedText PortablePlatform::ChooseAndSign(const std::string& text) {
         rec.Wipe();
       }
     }
+    // Then the certificates that sit beside a key on a token.
+    size_t software = candidates.size();
+    std::vector<TokenSet::Certificate> onTokens = tokens_->Certificates();
+    for (const TokenSet::Certificate& c : onTokens) {
+      ParsedCertificate parsed;
+      if (!ParseCertificate(c.der.data(), c.der.size(), &parsed)) continue;
+      candidates.push_back({c.der, parsed.subject, parsed.thumbprint});
+    }
     if (!chooser_ || candidates.empty()) return SignedText();
     int choice = chooser_->Choose(candidates);
     if (choice < 0 || static_cast<size_t>(choice) >= candidates.size()) return SignedText();
     uint8_t digest[Sha1::kDigestSize];
     Sha1::Digest(text.data(), text.size(), digest);
     Bytes signature;
-    if (!SignSha1(keys[static_cast<size_t>(choice)], digest, &signature)) return SignedText();
+    size_t index = static_cast<size_t>(choice);
+    if (index >= software) {
+      size_t t = 0;
+      for (size_t i = 0; i < onTokens.size(); ++i) {
+        ParsedCertificate parsed;
+        if (!ParseCertificate(onTokens[i].der.data(), onTokens[i].der.size(), &parsed)) continue;
+        if (software + t == index) {
+          if (tokens_->SignSha1(onTokens[i].token, onTokens[i].container, digest, &signature))
+            return SignedText();
+          break;
+        }
+        ++t;
+      }
+      if (signature.empty()) return SignedText();
+    } else if (!SignSha1(keys[index], digest, &signature)) {
+      return SignedText();
+    }
     SignedText out;
     out.signatureBase64 = Base64(signature);
     out.certificateBase64 = Base64(candidates[static_cast<size_t>(choice)].certificate);

@@ -6,7 +6,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
 
 namespace kv::control::portable {
 
@@ -38,6 +42,18 @@ std::string Parent(const std::string& path) {
   return slash == 0 ? "/" : path.substr(0, slash);
 }
 
+// Crash tests set KV_CRASH_AFTER_STEPS=N to have the process killed right
+// after the Nth step of a file replacement or removal, so that they can check
+// what an interrupted write leaves behind.
+void Step() {
+  static const long limit = [] {
+    const char* v = std::getenv("KV_CRASH_AFTER_STEPS");
+    return v ? std::strtol(v, nullptr, 10) : 0L;
+  }();
+  static std::atomic<long> count{0};
+  if (limit > 0 && ++count >= limit) std::raise(SIGKILL);
+}
+
 bool SyncFolder(const std::string& dir) {
   Fd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   return fd.get() >= 0 && ::fsync(fd.get()) == 0;
@@ -63,21 +79,29 @@ bool WriteAtomic(const std::string& path, const uint8_t* data, size_t len) {
   name.push_back('\0');
   Fd fd(::mkostemp(name.data(), O_CLOEXEC));
   if (fd.get() < 0) return false;
+  Step();
   bool ok = ::fchmod(fd.get(), 0600) == 0;
   for (size_t done = 0; ok && done < len;) {
-    ssize_t n = ::write(fd.get(), data + done, len - done);
+    // Half the data first, so that a crash can fall inside the writing.
+    size_t chunk = done == 0 && len > 1 ? len / 2 : len - done;
+    ssize_t n = ::write(fd.get(), data + done, chunk);
     if (n < 0 && errno == EINTR) continue;
     ok = n > 0;
     if (ok) done += static_cast<size_t>(n);
+    Step();
   }
   ok = ok && ::fsync(fd.get()) == 0;
+  Step();
   ok = fd.Close() && ok;
   ok = ok && ::rename(name.data(), path.c_str()) == 0;
+  Step();
   if (!ok) {
     ::unlink(name.data());
     return false;
   }
-  return SyncFolder(dir);
+  bool synced = SyncFolder(dir);
+  Step();
+  return synced;
 }
 
 bool ReadAll(const std::string& path, size_t maxLen, Bytes* data) {
@@ -105,7 +129,9 @@ bool IsRegularFile(const std::string& path) {
 
 bool RemoveFile(const std::string& path) {
   if (::unlink(path.c_str()) != 0) return false;
+  Step();
   SyncFolder(Parent(path));
+  Step();
   return true;
 }
 

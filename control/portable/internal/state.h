@@ -26,15 +26,17 @@ struct ProviderInfo {
 
 // An open context: one container of one provider.
 struct ProviderContext {
-  const ProviderInfo* provider;
-  std::string container;  // as given (or the default name)
+  const ProviderInfo* provider;  // null on a token
+  std::string container;         // as given (or the default name)
+  int token = -1;                // the token provider's index, -1 for software
 };
 
 struct KeyObject {
   std::shared_ptr<ProviderContext> context;
   uint32_t keySpec;
   bool exportable;
-  RsaKey key;
+  RsaKey key;     // on a token: the public half only
+  Bytes tokenId;  // on a token: the key's CKA_ID
   ~KeyObject() { key.Wipe(); }
 };
 
