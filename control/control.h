@@ -1,6 +1,7 @@
 // Umbrella header of the enrolment control.
 #pragma once
 
+#include "control/korvanta_control.h"
 #include "control/platform.h"
 
 #ifndef _WIN32

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "asn1/asn1.h"
+#include "cmd_control.h"
 #include "cmd_req.h"
 #include "cmd_verify.h"
 #include "cmd_pkcs7.h"
@@ -40,6 +41,7 @@ const char kMainHelp[] =
     "  pkcs12   build a PFX file from a key and certificates, or list one's bags\n"
     "  stores   list the certificates of the user's MY, CA and ROOT stores\n"
     "  containers  list the user's key containers and their keys\n"
+    "  control  drive an enrolment control object (calls as arguments or JSON lines)\n"
     "  help     show help for a verb ('korvanta help dump')\n"
     "\n"
     "Every verb takes --help. Exit status: 0 success, 1 bad input, 2 bad usage.\n";
@@ -246,6 +248,8 @@ int Run(int argc, char** argv) {
       std::cout << kTypesHelp;
     } else if (args[0] == "req" || args[0] == "verify") {
       return args[0] == "req" ? CmdReq({"--help"}) : CmdVerify({"--help"});
+    } else if (args[0] == "control") {
+      return CmdControl({"--help"});
     } else if (args[0] == "stores") {
       std::cout << kvtool::kStoresHelp;
     } else if (args[0] == "containers") {
@@ -261,6 +265,7 @@ int Run(int argc, char** argv) {
   if (verb == "req") return CmdReq(args);
   if (verb == "verify") return CmdVerify(args);
   if (verb == "pkcs7") return CmdPkcs7(args);
+  if (verb == "control") return CmdControl(args);
   if (verb == "pkcs12") return CmdPkcs12(args);
   if (verb == "stores") return kvtool::StoresCommand(args);
   if (verb == "containers") return kvtool::ContainersCommand(args);
