@@ -199,6 +199,8 @@ json HandleMessage(const std::string& text, const Invoker& invoke, bool* valid) 
   return out;
 }
 
-std::string Dump(const json& j) { return j.dump(-1, ' ', false, json::error_handler_t::replace); }
+std::string Dump(const json& j) {
+  return j.dump(-1, ' ', false, json::error_handler_t::replace);
+}
 
 }  // namespace kvtool
