@@ -9,35 +9,23 @@
 
 namespace kvbtest {
 
-Bridge::Bridge(const std::vector<std::string>& origins, const std::vector<std::string>& extra) {
-  std::string list;
-  for (const auto& o : origins) list += o + "\n";
-  dir_.Write("bridge.conf.in", list);
-  std::string cmd = "mkdir -p '" + (dir_ / "config/korvanta") + "' '" + DataDir() + "' && cp '" +
-                    (dir_ / "bridge.conf.in") + "' '" + (dir_ / "config/korvanta/bridge.conf") +
-                    "'";
-  kvtest::RunShell(cmd);
+Process::Process(std::vector<std::string> args, const std::vector<std::string>& env,
+                 const std::string& log) {
   int out[2];
   if (pipe(out) != 0) return;
-  std::vector<std::string> args = {KV_BRIDGE_BIN, "serve",      "--port",
-                                   "0",           "--data-dir", DataDir(),
-                                   "--home",      dir_.Path(),  "--signer-cancel"};
-  args.insert(args.end(), extra.begin(), extra.end());
-  const std::string log = dir_ / "bridge.log";
-  const std::string config = dir_ / "config";
   pid_ = fork();
   if (pid_ == 0) {
     dup2(out[1], 1);
     FILE* err = std::fopen(log.c_str(), "w");
     if (err) dup2(fileno(err), 2);
     close(out[0]);
-    setenv("XDG_CONFIG_HOME", config.c_str(), 1);
     unsetenv("DISPLAY");
     unsetenv("WAYLAND_DISPLAY");
+    for (const auto& e : env) putenv(const_cast<char*>(e.c_str()));
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(&a[0]);
     argv.push_back(nullptr);
-    execv(argv[0], argv.data());
+    execvp(argv[0], argv.data());
     _exit(127);
   }
   close(out[1]);
@@ -48,7 +36,7 @@ Bridge::Bridge(const std::vector<std::string>& origins, const std::vector<std::s
   if (line.rfind("port ", 0) == 0) port_ = static_cast<unsigned short>(std::atoi(line.c_str() + 5));
 }
 
-Bridge::~Bridge() {
+Process::~Process() {
   if (pid_ > 0) {
     kill(pid_, SIGTERM);
     int st = 0;
@@ -56,9 +44,24 @@ Bridge::~Bridge() {
   }
 }
 
-bool Bridge::Running() const {
+bool Process::Running() const {
   int st = 0;
   return pid_ > 0 && waitpid(pid_, &st, WNOHANG) == 0;
+}
+
+Bridge::Bridge(const std::vector<std::string>& origins, const std::vector<std::string>& extra) {
+  std::string list;
+  for (const auto& o : origins) list += o + "\n";
+  dir_.Write("bridge.conf.in", list);
+  kvtest::RunShell("mkdir -p '" + (dir_ / "config/korvanta") + "' '" + DataDir() + "' && cp '" +
+                   (dir_ / "bridge.conf.in") + "' '" + (dir_ / "config/korvanta/bridge.conf") +
+                   "'");
+  std::vector<std::string> args = {KV_BRIDGE_BIN, "serve",      "--port",
+                                   "0",           "--data-dir", DataDir(),
+                                   "--home",      dir_.Path(),  "--signer-cancel"};
+  args.insert(args.end(), extra.begin(), extra.end());
+  process_ = std::make_unique<Process>(
+      args, std::vector<std::string>{"XDG_CONFIG_HOME=" + (dir_ / "config")}, dir_ / "bridge.log");
 }
 
 kvtest::ShellResult Bridge::Manage(const std::string& args) const {

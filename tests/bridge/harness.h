@@ -21,16 +21,33 @@ namespace websocket = beast::websocket;
 using tcp = boost::asio::ip::tcp;
 using json = nlohmann::json;
 
+// A child process whose standard output's first line is "port N"; stderr
+// goes to a file. Ended with SIGTERM when the object goes.
+class Process {
+ public:
+  Process(std::vector<std::string> argv, const std::vector<std::string>& env,
+          const std::string& log);
+  ~Process();
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+  bool Running() const;
+  unsigned short Port() const { return port_; }
+
+ private:
+  pid_t pid_ = -1;
+  unsigned short port_ = 0;
+};
+
 class Bridge {
  public:
   // Starts the bridge with extra arguments; the allow-list holds origins.
   Bridge(const std::vector<std::string>& origins, const std::vector<std::string>& extra = {});
-  ~Bridge();
+
   Bridge(const Bridge&) = delete;
   Bridge& operator=(const Bridge&) = delete;
 
-  bool Running() const;  // still alive (not crashed)
-  unsigned short Port() const { return port_; }
+  bool Running() const { return process_->Running(); }  // still alive (not crashed)
+  unsigned short Port() const { return process_->Port(); }
   const kvtest::TempDir& Dir() const { return dir_; }
   std::string DataDir() const { return dir_ / "data"; }
   std::string Log() const { return kvtest::ReadFile(dir_ / "bridge.log"); }
@@ -39,8 +56,7 @@ class Bridge {
 
  private:
   kvtest::TempDir dir_;
-  pid_t pid_ = -1;
-  unsigned short port_ = 0;
+  std::unique_ptr<Process> process_;
 };
 
 // One WebSocket connection; Open reports the HTTP status of a refused upgrade.
