@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -230,7 +231,9 @@ void Session(tcp::socket sock, const Options& opt, unsigned short port) {
     config.chooser = chooser.get();
     kv::control::PortablePlatform platform(config);
     CBrendalKorvanta control(platform);
+    const char* method = "";
     const kvtool::Invoker invoke = [&](const kvtool::MethodInfo& m, const std::vector<json>& a) {
+      method = m.name;
       return kvtool::Invoke(control, m.name, a);
     };
 
@@ -254,9 +257,7 @@ void Session(tcp::socket sock, const Options& opt, unsigned short port) {
       }
       if (valid) {
         // Arguments and results may be secret; only the method and status.
-        const std::string text = beast::buffers_to_string(message.data());
-        const json req2 = json::parse(text, nullptr, false);
-        Log(origin + " " + req2.value("method", std::string("?")) + " -> " +
+        Log(origin + " " + method + " -> " +
             (answer.contains("status") ? answer["status"].dump() : std::string("?")));
       } else {
         Log(origin + " rejected: " + answer.value("error", std::string()));
@@ -292,7 +293,13 @@ void AcceptLoop(tcp::acceptor& acceptor, const Options& opt, unsigned short port
       sock.close(ec);
       continue;
     }
-    std::thread(Session, std::move(sock), std::cref(opt), port).detach();
+    try {
+      std::thread(Session, std::move(sock), std::cref(opt), port).detach();
+    } catch (const std::system_error& e) {
+      // Out of threads: this client is dropped, the others go on.
+      --gConnections;
+      Log(std::string("connection dropped: ") + e.what());
+    }
   }
 }
 
