@@ -59,7 +59,6 @@ void Misbehave(unsigned short port, int kind) {
     default: {
       // Gone in the middle of a slow call.
       c.Call(R"({"id":1,"method":"setCSP","args":["x"]})");
-      kvbtest::beast::error_code ec;
       c.Abort();
       break;
     }
