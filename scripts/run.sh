@@ -18,16 +18,7 @@ if [ $# -gt 0 ]; then
 fi
 
 cmake --build build -j "$(nproc)" --target korvanta_cli korvanta_bridge >/dev/null
-# The browser and its driver.
-if ! command -v chromium >/dev/null; then
-  sudo=""
-  [ "$(id -u)" -eq 0 ] || sudo=sudo
-  $sudo apt-get install -y --no-install-recommends chromium >/dev/null
-fi
-if [ ! -d build/node/node_modules/playwright-core ]; then
-  mkdir -p build/node
-  npm install --no-audit --no-fund --prefix build/node playwright-core >/dev/null
-fi
+bash scripts/browser-deps.sh
 
 work=$(mktemp -d)
 pids=()

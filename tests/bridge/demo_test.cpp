@@ -12,13 +12,19 @@ namespace {
 using kvbtest::Bridge;
 using kvbtest::Process;
 
-// Where scripts/run.sh installs playwright-core; "" when it is not there.
+// Where scripts/browser-deps.sh installs playwright-core (this build's
+// folder or the main build's); "" when it is not there.
 std::string NodePath() {
   const char* env = std::getenv("KV_NODE_PATH");
   if (env && *env) return env;
   const char* bin = std::getenv("KV_BINARY_DIR");
-  const std::string dir = std::string(bin ? bin : KV_SOURCE_DIR "/build") + "/node/node_modules";
-  return kvtest::RunShell("test -d '" + dir + "/playwright-core'").status == 0 ? dir : "";
+  for (const std::string& base :
+       {std::string(bin ? bin : ""), std::string(KV_SOURCE_DIR "/build")}) {
+    const std::string dir = base + "/node/node_modules";
+    if (!base.empty() && kvtest::RunShell("test -d '" + dir + "/playwright-core'").status == 0)
+      return dir;
+  }
+  return "";
 }
 
 class DemoTest : public ::testing::Test {
