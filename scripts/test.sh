@@ -29,6 +29,8 @@ run_ctest() {
 step "build (g++, release)"
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release -DKV_WERROR=ON
 cmake --build build -j "$jobs"
+step "browser for the bridge's demo tests (chromium, playwright-core)"
+bash scripts/browser-deps.sh
 step "tests (g++, release)"
 run_ctest --test-dir build
 

@@ -13,14 +13,13 @@
 #include "crypto/internal/wipe.h"
 #include "crypto/p11.h"
 #include "input.h"
+#include "jsoncall/json_call.h"
 
 namespace {
 
-using json = nlohmann::ordered_json;
-using kv::control::Utf16ToUtf8;
-using kv::control::Utf8ToUtf16;
-using Text = CBrendalKorvanta::Text;
-using Ret = CBrendalKorvanta::Ret;
+using kvtool::FindMethod;
+using kvtool::json;
+using kvtool::MethodInfo;
 
 const char kHelp[] =
     "usage: korvanta control [OPTIONS] [METHOD [ARG...]]...\n"
@@ -54,161 +53,9 @@ const char kHelp[] =
     "call ran (whatever its status), 1 for an input line that is not a call,\n"
     "2 for bad usage.\n";
 
-// Parameter kinds of the 29 methods: 'i' an integer, 's' a string.
-struct MethodInfo {
-  const char* name;
-  const char* params;
-  bool password;  // the last string is a password
-};
-
-const MethodInfo kMethods[] = {
-    {"listCSP", "i", false},
-    {"setCSP", "s", false},
-    {"genKeyPair", "i", false},
-    {"genTempKeyPair", "", false},
-    {"getVersion", "", false},
-    {"writeClientCert", "s", false},
-    {"writeKmcCert", "sss", false},
-    {"genEEDownCertRequestData_Client", "sss", false},
-    {"genEEDownCertRequestData_Kmc", "ssss", false},
-    {"genEERevokeCertRequestData", "", false},
-    {"genEEUpdateCertRequestData", "", false},
-    {"getPublicKeyFromPKCS10Data", "s", false},
-    {"genEERestoreKHRequestData", "", false},
-    {"writeKmcCertwithKH", "ssss", false},
-    {"writeKH", "s", false},
-    {"writeClientCertToPFX", "ss", true},
-    {"writeKmcCertToPFX", "ssss", true},
-    {"genP10", "i", false},
-    {"genEEUpdateCertRequestData_Client", "s", false},
-    {"genEEUpdateCertRequestData_Kmc", "ss", false},
-    {"restoreKmcCert", "sss", false},
-    {"genP10_kex", "i", false},
-    {"writeClientCert_kex", "s", false},
-    {"genP10_exp", "ii", false},
-    {"writeClientCert_exp", "s", false},
-    {"writeClientCert_noprotect", "s", false},
-    {"genP10_exp_withdn", "iis", false},
-    {"writeClientCert_exp_X509", "s", false},
-    {"leavingMostRecentCert", "ss", false},
-};
-
-const MethodInfo* FindMethod(const std::string& name) {
-  for (const MethodInfo& m : kMethods) {
-    if (name == m.name) return &m;
-  }
-  return nullptr;
-}
-
 int Usage(const std::string& message) {
   std::cerr << "korvanta: " << message << "\n\n" << kHelp;
   return 2;
-}
-
-json TextResult(const Text& t) {
-  return t ? json(Utf16ToUtf8(*t)) : json(nullptr);
-}
-
-// Runs one call; the arguments are already checked against the method's
-// parameter kinds.
-json Invoke(CBrendalKorvanta& c, const std::string& m, const std::vector<json>& a) {
-  auto S = [&](size_t i) { return Utf8ToUtf16(a[i].get<std::string>()); };
-  auto I = [&](size_t i) { return a[i].get<int>(); };
-  Text text;
-  Ret ret;
-  int32_t status = 0;
-  bool isRet = false;
-  bool none = false;
-  if (m == "listCSP")
-    status = c.listCSP(I(0), &text);
-  else if (m == "setCSP")
-    status = c.setCSP(S(0)), none = true;
-  else if (m == "genKeyPair")
-    status = c.genKeyPair(I(0), &text);
-  else if (m == "genTempKeyPair")
-    status = c.genTempKeyPair(&text);
-  else if (m == "getVersion")
-    status = c.getVersion(&text);
-  else if (m == "writeClientCert")
-    status = c.writeClientCert(S(0), &ret), isRet = true;
-  else if (m == "writeKmcCert")
-    status = c.writeKmcCert(S(0), S(1), S(2), &ret), isRet = true;
-  else if (m == "genEEDownCertRequestData_Client")
-    status = c.genEEDownCertRequestData_Client(S(0), S(1), S(2), &text);
-  else if (m == "genEEDownCertRequestData_Kmc")
-    status = c.genEEDownCertRequestData_Kmc(S(0), S(1), S(2), S(3), &text);
-  else if (m == "genEERevokeCertRequestData")
-    status = c.genEERevokeCertRequestData(&text);
-  else if (m == "genEEUpdateCertRequestData")
-    status = c.genEEUpdateCertRequestData(&text);
-  else if (m == "getPublicKeyFromPKCS10Data")
-    status = c.getPublicKeyFromPKCS10Data(S(0), &text);
-  else if (m == "genEERestoreKHRequestData")
-    status = c.genEERestoreKHRequestData(&text);
-  else if (m == "writeKmcCertwithKH")
-    status = c.writeKmcCertwithKH(S(0), S(1), S(2), S(3), &ret), isRet = true;
-  else if (m == "writeKH")
-    status = c.writeKH(S(0), &ret), isRet = true;
-  else if (m == "writeClientCertToPFX")
-    status = c.writeClientCertToPFX(S(0), S(1), &text);
-  else if (m == "writeKmcCertToPFX")
-    status = c.writeKmcCertToPFX(S(0), S(1), S(2), S(3), &text);
-  else if (m == "genP10")
-    status = c.genP10(I(0), &text);
-  else if (m == "genEEUpdateCertRequestData_Client")
-    status = c.genEEUpdateCertRequestData_Client(S(0), &text);
-  else if (m == "genEEUpdateCertRequestData_Kmc")
-    status = c.genEEUpdateCertRequestData_Kmc(S(0), S(1), &text);
-  else if (m == "restoreKmcCert")
-    status = c.restoreKmcCert(S(0), S(1), S(2), &ret), isRet = true;
-  else if (m == "genP10_kex")
-    status = c.genP10_kex(I(0), &text);
-  else if (m == "writeClientCert_kex")
-    status = c.writeClientCert_kex(S(0), &ret), isRet = true;
-  else if (m == "genP10_exp")
-    status = c.genP10_exp(I(0), I(1), &text);
-  else if (m == "writeClientCert_exp")
-    status = c.writeClientCert_exp(S(0), &ret), isRet = true;
-  else if (m == "writeClientCert_noprotect")
-    status = c.writeClientCert_noprotect(S(0), &ret), isRet = true;
-  else if (m == "genP10_exp_withdn")
-    status = c.genP10_exp_withdn(I(0), I(1), S(2), &text);
-  else if (m == "writeClientCert_exp_X509")
-    status = c.writeClientCert_exp_X509(S(0), &ret), isRet = true;
-  else if (m == "leavingMostRecentCert")
-    status = c.leavingMostRecentCert(S(0), S(1), &ret), isRet = true;
-  json out = json::object();
-  if (status == KV_E_FAIL) {
-    out["status"] = status;
-    out["error"] = "E_FAIL: the method failed without a result";
-    return out;
-  }
-  out["status"] = status;
-  if (none) {
-    out["result"] = nullptr;
-  } else if (isRet) {
-    out["result"] = ret ? json(*ret) : json(nullptr);
-  } else {
-    out["result"] = TextResult(text);
-  }
-  return out;
-}
-
-// Checks a call's arguments; an empty string when they fit.
-std::string CheckArgs(const MethodInfo& m, const std::vector<json>& args) {
-  const std::string kinds = m.params;
-  if (args.size() != kinds.size()) {
-    return std::string(m.name) + " takes " + std::to_string(kinds.size()) + " argument(s)";
-  }
-  for (size_t i = 0; i < kinds.size(); ++i) {
-    if (kinds[i] == 'i' && !args[i].is_number_integer()) {
-      return std::string(m.name) + ": argument " + std::to_string(i + 1) + " is an integer";
-    }
-    if (kinds[i] == 's' && !args[i].is_string() && !args[i].is_null()) {
-      return std::string(m.name) + ": argument " + std::to_string(i + 1) + " is a string";
-    }
-  }
-  return std::string();
 }
 
 // A chooser that always cancels.
@@ -218,7 +65,7 @@ class Cancel : public kv::control::SigningChooser {
 };
 
 void Print(const json& j) {
-  std::cout << j.dump(-1, ' ', false, json::error_handler_t::replace) << "\n" << std::flush;
+  std::cout << kvtool::Dump(j) << "\n" << std::flush;
 }
 
 void Silent(void*, const char*) {}
@@ -325,7 +172,7 @@ int CmdControl(const std::vector<std::string>& args) {
     for (const Call& call : parsed) {
       json out = json::object();
       out["id"] = ++id;
-      const json result = Invoke(control, call.method->name, call.args);
+      const json result = kvtool::Invoke(control, call.method->name, call.args);
       for (auto& [k, v] : result.items()) out[k] = v;
       Print(out);
     }
@@ -335,46 +182,14 @@ int CmdControl(const std::vector<std::string>& args) {
   // JSON lines.
   int status = 0;
   std::string line;
+  const kvtool::Invoker invoke = [&](const kvtool::MethodInfo& m, const std::vector<json>& a) {
+    return kvtool::Invoke(control, m.name, a);
+  };
   while (std::getline(std::cin, line)) {
     if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
-    json out = json::object();
-    json request = json::parse(line, nullptr, false);
-    if (request.is_discarded() || !request.is_object()) {
-      out["id"] = nullptr;
-      out["error"] = "not a JSON object";
-      Print(out);
-      status = 1;
-      continue;
-    }
-    out["id"] = request.contains("id") ? request["id"] : json(nullptr);
-    const json method = request.value("method", json(nullptr));
-    const MethodInfo* m = method.is_string() ? FindMethod(method.get<std::string>()) : nullptr;
-    if (!m) {
-      out["error"] = "no such method";
-      Print(out);
-      status = 1;
-      continue;
-    }
-    std::vector<json> callArgs;
-    if (request.contains("args")) {
-      if (!request["args"].is_array()) {
-        out["error"] = "args is not an array";
-        Print(out);
-        status = 1;
-        continue;
-      }
-      for (const json& v : request["args"]) callArgs.push_back(v.is_null() ? json("") : v);
-    }
-    const std::string problem = CheckArgs(*m, callArgs);
-    if (!problem.empty()) {
-      out["error"] = problem;
-      Print(out);
-      status = 1;
-      continue;
-    }
-    json result = Invoke(control, m->name, callArgs);
-    for (auto& [k, v] : result.items()) out[k] = v;
-    Print(out);
+    bool valid = false;
+    Print(kvtool::HandleMessage(line, invoke, &valid));
+    if (!valid) status = 1;
   }
   return status;
 }
