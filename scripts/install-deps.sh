@@ -10,7 +10,7 @@ packages=(
   golang-golang-x-crypto-dev
   softhsm2 opensc gnutls-bin libnss3-tools
   mingw-w64 mingw-w64-tools
-  nlohmann-json3-dev
+  nlohmann-json3-dev libboost-dev
   locales
 )
 # Wine needs its recommended packages (fonts, support libraries) to run the

@@ -40,7 +40,7 @@ port_of() {
   exit 1
 }
 
-python3 bridge/demo/democa.py --port 0 --ca-dir "$work/ca" >"$work/ca.port" 2>"$work/ca.log" &
+/usr/bin/python3 bridge/demo/democa.py --port 0 --ca-dir "$work/ca" >"$work/ca.port" 2>"$work/ca.log" &
 pids+=($!)
 ca=$(port_of "$work/ca.port")
 page="http://127.0.0.1:$ca"

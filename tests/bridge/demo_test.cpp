@@ -34,7 +34,7 @@ class DemoTest : public ::testing::Test {
     if (nodePath_.empty() || kvtest::RunShell("command -v node && command -v chromium").status)
       GTEST_SKIP() << "needs node, chromium and playwright-core (scripts/run.sh installs them)";
     ca_ = std::make_unique<Process>(
-        std::vector<std::string>{"python3", KV_SOURCE_DIR "/bridge/demo/democa.py", "--port", "0",
+        std::vector<std::string>{"/usr/bin/python3", KV_SOURCE_DIR "/bridge/demo/democa.py", "--port", "0",
                                  "--ca-dir", dir_ / "ca"},
         std::vector<std::string>{}, dir_ / "ca.log");
     ASSERT_NE(ca_->Port(), 0) << kvtest::ReadFile(dir_ / "ca.log");

@@ -126,7 +126,7 @@ issue_for_request() {
     fail "the request's signature"
   openssl req -inform DER -in "$work/p10.req" -noout -pubkey |
     openssl rsa -pubin -RSAPublicKey_out -outform DER 2>/dev/null | base64 -w0 >"$work/p10key.b64"
-  python3 "$refca" issue --pubkey "$work/p10key.b64" --out "$work/p7.b64" --ca-dir "$ca" \
+  /usr/bin/python3 "$refca" issue --pubkey "$work/p10key.b64" --out "$work/p7.b64" --ca-dir "$ca" \
     --subject "$1" --leaf-out "$work/$2"
 }
 
@@ -182,9 +182,9 @@ run_prefix() {
   local ca="$WINEPREFIX/ca"
   # Client enrolment: key, MAC request, certificate, installation.
   if enrol client-request "$authcode"; then
-    python3 "$refca" check-mac --message "$work/message.xml" --authcode "$authcode" \
+    /usr/bin/python3 "$refca" check-mac --message "$work/message.xml" --authcode "$authcode" \
       --codepage "$codepage" || fail "the client request's MAC"
-    python3 "$refca" issue --pubkey "$work/pubkey.b64" --out "$work/p7.b64" \
+    /usr/bin/python3 "$refca" issue --pubkey "$work/pubkey.b64" --out "$work/p7.b64" \
       --subject "CN=Korvanta Client,O=Korvanta,C=CN" --intermediates 2 --order shuffle \
       --ca-dir "$ca" --leaf-out "$work/client.der"
     if enrol client-install; then
@@ -211,9 +211,9 @@ run_prefix() {
     thumb=$(openssl x509 -inform DER -in "$work/client.der" -noout -fingerprint -sha1 | cut -d= -f2)
     wine reg add 'HKCU\Software\Korvanta' /v SigningCertificate /d "$thumb" /f >/dev/null 2>&1
     if enrol revoke; then
-      python3 "$refca" check-ds --message "$work/revoke.xml" || fail "the revocation's signature"
+      /usr/bin/python3 "$refca" check-ds --message "$work/revoke.xml" || fail "the revocation's signature"
       grep -q "<type>EEREVOKECERT</type>" "$work/revoke.xml" || fail "revocation message type"
-      python3 "$refca" check-ds --message "$work/update.xml" || fail "the update's signature"
+      /usr/bin/python3 "$refca" check-ds --message "$work/update.xml" || fail "the update's signature"
       grep -q "<type>EEUPDATECERT</type>" "$work/update.xml" || fail "update message type"
     else
       fail "revoke"
@@ -241,7 +241,7 @@ run_prefix() {
 
   # Without protection: the copied key cannot be exported.
   if enrol key-request; then
-    python3 "$refca" issue --pubkey "$work/pubkey.b64" --out "$work/p7.b64" --ca-dir "$ca" \
+    /usr/bin/python3 "$refca" issue --pubkey "$work/pubkey.b64" --out "$work/p7.b64" --ca-dir "$ca" \
       --subject "CN=Korvanta Noprotect,C=CN" --leaf-out "$work/noprotect.der"
     enrol noprotect-install && check_leaf noprotect.der 2 no || fail "noprotect-install"
   else
@@ -253,7 +253,7 @@ run_prefix() {
   local leave_dn="CN=Korvanta 离开,C=CN" year issuer_dn
   for year in 2040 2042 2041; do
     if enrol key-request; then
-      python3 "$refca" issue --pubkey "$work/pubkey.b64" --out "$work/p7.b64" --ca-dir "$ca" \
+      /usr/bin/python3 "$refca" issue --pubkey "$work/pubkey.b64" --out "$work/p7.b64" --ca-dir "$ca" \
         --subject "$leave_dn" --not-after "${year}0101000000" --leaf-out "$work/leave$year.der"
       enrol noprotect-install || fail "install of the $year certificate"
     else
@@ -274,7 +274,7 @@ run_prefix() {
 
   # PFX export: the certificate with its key, under the page's password.
   if enrol key-request; then
-    python3 "$refca" issue --pubkey "$work/pubkey.b64" --out "$work/p7.b64" --ca-dir "$ca" \
+    /usr/bin/python3 "$refca" issue --pubkey "$work/pubkey.b64" --out "$work/p7.b64" --ca-dir "$ca" \
       --subject "CN=Korvanta PFX,C=CN" --leaf-out "$work/pfx-leaf.der"
     if enrol pfx-install; then
       check_pfx pfx-leaf.der
@@ -287,20 +287,20 @@ run_prefix() {
 
   # KMC enrolment: temporary key, wrapped encryption key, PFX import.
   if enrol kmc-request "$authcode"; then
-    python3 "$refca" check-mac --message "$work/message.xml" --authcode "$authcode" \
+    /usr/bin/python3 "$refca" check-mac --message "$work/message.xml" --authcode "$authcode" \
       --codepage "$codepage" || fail "the KMC request's MAC"
-    python3 "$refca" kmc --tempkey "$work/tempkey.b64" --bits 2048 --out-dir "$work" \
+    /usr/bin/python3 "$refca" kmc --tempkey "$work/tempkey.b64" --bits 2048 --out-dir "$work" \
       --ca-dir "$ca"
     enrol kmc-install && check_leaf leaf.der 1 yes || fail "kmc-install"
     # Recovery and PFX export with the same temporary key, each for a new
     # KMC key.
-    python3 "$refca" kmc --tempkey "$work/tempkey.b64" --bits 1024 --out-dir "$work" \
+    /usr/bin/python3 "$refca" kmc --tempkey "$work/tempkey.b64" --bits 1024 --out-dir "$work" \
       --ca-dir "$ca"
     enrol kmc-restore && check_leaf leaf.der 1 yes || fail "kmc-restore"
-    python3 "$refca" kmc --tempkey "$work/tempkey.b64" --bits 2048 --out-dir "$work" \
+    /usr/bin/python3 "$refca" kmc --tempkey "$work/tempkey.b64" --bits 2048 --out-dir "$work" \
       --ca-dir "$ca"
     enrol kmc-pfx && check_pfx leaf.der || fail "kmc-pfx"
-    python3 "$refca" kmc --tempkey "$work/tempkey.b64" --bits 1536 --out-dir "$work" \
+    /usr/bin/python3 "$refca" kmc --tempkey "$work/tempkey.b64" --bits 1536 --out-dir "$work" \
       --ca-dir "$ca"
     enrol kmc-refused || fail "kmc-refused"
   else
