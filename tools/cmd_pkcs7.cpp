@@ -11,6 +11,7 @@
 
 #include "asn1/asn1.h"
 #include "input.h"
+#include "pem.h"
 #include "pki/pki.h"
 
 const char kPkcs7Help[] =
@@ -166,36 +167,12 @@ bool ReadKey(const std::string& file, KV_P11_Key& key, std::string& error) {
   return true;
 }
 
-std::string Pem(const std::string& der) {
-  std::string body = kvtool::Base64Encode(der, true);
-  if (!body.empty() && body.back() != '\n') body += '\n';
-  return "-----BEGIN PKCS7-----\n" + body + "-----END PKCS7-----\n";
-}
-
 // Writes beside the target with owner-only permissions and renames, so no
-// partial file and no readable copy of a secret is ever left.
+// partial file and no readable copy of a secret is ever left; "-" is
+// standard output.
 bool WritePrivate(const std::string& path, const std::string& data, std::string& error) {
   if (path == "-") return kvtool::WriteAll(path, data, error);
-  const std::string tmp = path + ".tmp-" + std::to_string(::getpid());
-  int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
-  if (fd < 0) {
-    error = std::string("cannot create: ") + std::strerror(errno);
-    return false;
-  }
-  size_t done = 0;
-  while (done < data.size()) {
-    ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    done += static_cast<size_t>(n);
-  }
-  const bool ok = done == data.size() && ::close(fd) == 0;
-  if (!ok || std::rename(tmp.c_str(), path.c_str()) != 0) {
-    error = std::string("cannot write: ") + std::strerror(errno);
-    std::remove(tmp.c_str());
-    return false;
-  }
-  return true;
+  return kvtool::WritePrivate(path, data, error);
 }
 
 bool OpenToken(KV_P11_OP& op) {
@@ -405,7 +382,8 @@ int Sign(const Options& o) {
   MiByte out;
   int rv = sd.encode(op, out);
   if (rv != 0) return Fail(o.key, Reason(rv));
-  if (!kvtool::WriteAll(o.out, o.pem ? Pem(Str(out)) : Str(out), error)) return Fail(o.out, error);
+  if (!kvtool::WriteAll(o.out, o.pem ? kvtool::PemEncode("PKCS7", Str(out)) : Str(out), error))
+    return Fail(o.out, error);
   return 0;
 }
 
@@ -436,7 +414,8 @@ int Encrypt(const Options& o) {
   MiByte out;
   int rv = ed.encode(op, out);
   if (rv != 0) return Fail(Where(o.file), Reason(rv));
-  if (!kvtool::WriteAll(o.out, o.pem ? Pem(Str(out)) : Str(out), error)) return Fail(o.out, error);
+  if (!kvtool::WriteAll(o.out, o.pem ? kvtool::PemEncode("PKCS7", Str(out)) : Str(out), error))
+    return Fail(o.out, error);
   return 0;
 }
 

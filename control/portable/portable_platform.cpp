@@ -616,7 +616,7 @@ std::shared_ptr<ProviderContext> PortablePlatform::TokenContext(ProvHandle prov)
 
 // Fetches (bits 0, no blob), generates (bits > 0) or imports (a blob) the
 // container's key pair; a token container holds one pair for both key
-// specifications.
+// kinds.
 bool PortablePlatform::TokenKey(const std::shared_ptr<ProviderContext>& ctx, uint32_t keySpec,
                                 unsigned bits, uint32_t flags, const uint8_t* blob, uint32_t len,
                                 KeyHandle* key) {

@@ -341,7 +341,7 @@ namespace {
 // Wine's PFX import records key specification 3 on the certificates, a value
 // no RSA provider answers; Windows records the key's real one. The imported
 // key is looked up in its container, exchange key first, and the
-// certificate's key provider information names that specification. Nothing
+// certificate's key provider information names that key. Nothing
 // changes where the recorded value is already 1 or 2.
 void SettleImportedKeySpecs(HCERTSTORE store) {
   for (PCCERT_CONTEXT c = CertEnumCertificatesInStore(store, nullptr); c;

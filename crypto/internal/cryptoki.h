@@ -1,5 +1,5 @@
-// The part of the PKCS#11 v2.40 C interface (OASIS "PKCS #11 Cryptographic
-// Token Interface Base Specification") that the module binding uses: the
+// The part of the PKCS#11 v2.40 C interface (the OASIS cryptographic token
+// interface standard) that the module binding uses: the
 // scalar types, the structures it exchanges, the constants it needs and the
 // complete function list in the standard's order, so that every slot sits at
 // the offset a module fills in.

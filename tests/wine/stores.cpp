@@ -98,7 +98,7 @@ int Leaf(const char* path, DWORD spec, const char* provider, const std::string& 
       std::vector<BYTE> pk(len);
       auto* pki = reinterpret_cast<CERT_PUBLIC_KEY_INFO*>(pk.data());
       if (len == 0 || !CryptExportPublicKeyInfo(prov, spec, X509_ASN_ENCODING, pki, &len)) {
-        Fail("the bound container has no key of that specification");
+        Fail("the bound container has no key of that kind");
       } else if (!CertComparePublicKeyInfo(X509_ASN_ENCODING, pki,
                                            &leaf->pCertInfo->SubjectPublicKeyInfo)) {
         Fail("the bound container's key is not the certificate's key");
